@@ -1,0 +1,30 @@
+include(CMakePackageConfigHelpers)
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/textpackage")
+
+set(installed_targets textpackage)
+if(TARGET opccore)
+  list(APPEND installed_targets opccore)
+endif()
+install(
+  TARGETS ${installed_targets}
+  EXPORT textpackage
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+if(TARGET opctext)
+  install(TARGETS opctext DESTINATION "${CMAKE_INSTALL_BINDIR}")
+endif()
+install(
+  EXPORT textpackage
+  NAMESPACE textpackage::
+  DESTINATION "${package_dir}")
+install(
+  DIRECTORY "${PROJECT_SOURCE_DIR}/opccore" "${PROJECT_SOURCE_DIR}/textpackage"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+  FILES_MATCHING
+  PATTERN "*.hpp")
+
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/textpackage-config.cmake.in"
+                              "${PROJECT_BINARY_DIR}/textpackage-config.cmake" INSTALL_DESTINATION "${package_dir}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/textpackage-config-version.cmake" COMPATIBILITY SameMajorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/textpackage-config.cmake" "${PROJECT_BINARY_DIR}/textpackage-config-version.cmake"
+        DESTINATION "${package_dir}")

@@ -1,0 +1,137 @@
+#include <opccore/StagedFile.hpp>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <istream>
+#include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <opccore/RandomName.hpp>
+#include <opccore/SystemError.hpp>
+
+namespace opc::detail {
+
+namespace {
+
+constexpr mode_t PermissionBits = 07777;
+
+std::string folderOf(std::string const& path) {
+    auto const slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string nameBeside(std::string const& path) {
+    return folderOf(path) + "/.opc-" + randomName() + ".tmp";
+}
+
+} // namespace
+
+StagedFile::StagedFile(std::string destination)
+    : destination_(std::move(destination)), folder_(folderOf(destination_), O_RDONLY | O_DIRECTORY) {}
+
+// The body of a constructor that delegates runs in a finished object: the destructor cleans up after its exceptions.
+StagedFile::StagedFile(std::string const& source, std::string destination) : StagedFile(std::move(destination)) {
+    if (link(source))
+        return;
+    FileDescriptor original(source, O_RDONLY);
+    copy(original);
+}
+
+StagedFile::StagedFile(FileDescriptor& source, std::string destination) : StagedFile(std::move(destination)) {
+    copy(source);
+}
+
+StagedFile::StagedFile(std::istream& source, std::string destination) : StagedFile(std::move(destination)) {
+    create();
+    std::array<char, 64 * 1024> block;
+    while (source.read(block.data(), block.size()), source.gcount() > 0)
+        file_->write(block.data(), static_cast<std::size_t>(source.gcount()));
+}
+
+StagedFile::~StagedFile() {
+    if (name_.empty())
+        return;
+    if (linkedMode_ && file_)
+        ::fchmod(file_->handle(), *linkedMode_);
+    ::unlink(name_.c_str());
+}
+
+void StagedFile::setPermissionsOf(struct stat const& other) {
+    auto const own = file_->status();
+    if (own.st_uid != other.st_uid || own.st_gid != other.st_gid)
+        file_->setOwner(other.st_uid, other.st_gid); // first: a change of owner clears bits
+    file_->setPermissions(other.st_mode & PermissionBits);
+}
+
+void StagedFile::setDefaultPermissions() {
+    // Made only to be looked at: the umask can't be read without changing it for every thread of the process, and
+    // the folder may have a say as well.
+    auto const probe = nameBeside(destination_);
+    FileDescriptor const file(probe, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666);
+    ::unlink(probe.c_str());
+    file_->setPermissions(file.status().st_mode & PermissionBits);
+}
+
+void StagedFile::publish() {
+    if (::rename(name_.c_str(), destination_.c_str()) == -1)
+        throwSystemError("Could not replace", destination_);
+    name_.clear();
+    folder_.sync();
+}
+
+/// Makes the staged file a second link to the source, which costs nothing however large it is. Only for a source
+/// that nobody else shares: what they did to it later, they would do to the destination.
+bool StagedFile::link(std::string const& source) {
+    auto const status = statusOfEntry(source);
+    if (!status)
+        throwSystemError("Could not open", source, ENOENT);
+    if (!S_ISREG(status->st_mode) || status->st_nlink != 1)
+        return false;
+    auto name = nameBeside(destination_);
+    if (::link(source.c_str(), name.c_str()) == -1)
+        return false; // another file system, or one without links
+    name_ = std::move(name);
+    linkedMode_ = status->st_mode & PermissionBits;
+    file_.emplace(name_, O_RDONLY | O_NOFOLLOW);
+    return true;
+}
+
+void StagedFile::copy(FileDescriptor& source) {
+    create();
+    file_->writeAllOf(source);
+}
+
+void StagedFile::create() {
+    auto name = nameBeside(destination_);
+    file_.emplace(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    name_ = std::move(name);
+}
+
+std::optional<struct stat> statusOfEntry(std::string const& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0)
+        return status;
+    if (errno != ENOENT)
+        throwSystemError("Could not examine", path);
+    return std::nullopt;
+}
+
+std::string followLinks(std::string path) {
+    constexpr int MostLinks = 40; // as many as the kernel follows
+    for (int links = 0; links < MostLinks; ++links) {
+        std::array<char, PATH_MAX> target;
+        auto const size = ::readlink(path.c_str(), target.data(), target.size());
+        if (size == -1)
+            return path; // no link, or nothing there
+        std::string next(target.data(), static_cast<std::size_t>(size));
+        path = next.front() == '/' ? std::move(next) : folderOf(path) + "/" + next;
+    }
+    throwSystemError("Could not follow the links at", path, ELOOP);
+}
+
+} // namespace opc::detail

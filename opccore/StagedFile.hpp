@@ -1,0 +1,61 @@
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+#include <sys/stat.h>
+
+#include <opccore/FileDescriptor.hpp>
+
+namespace opc::detail {
+
+/// A file that is made ready under a random name beside its destination and takes the destination's name only when
+/// it is whole. Destruction removes it if it was not published, and leaves all else as it was.
+///
+/// Errors: every operation throws `opc::Exception`.
+class StagedFile {
+public:
+    /// A file with what the regular file `source` holds: a second link to it where that is possible and safe, else a
+    /// copy for its owner alone.
+    StagedFile(std::string const& source, std::string destination);
+
+    /// A copy of `source` from its position to its end, for its owner alone.
+    StagedFile(FileDescriptor& source, std::string destination);
+    StagedFile(std::istream& source, std::string destination);
+
+    StagedFile(StagedFile const&) = delete;
+    StagedFile& operator=(StagedFile const&) = delete;
+    ~StagedFile();
+
+    /// Takes the permission bits of another file, and its owner where the system allows that.
+    void setPermissionsOf(struct stat const& other);
+
+    /// Takes the permission bits that the umask and the folder give to a new file.
+    void setDefaultPermissions();
+
+    void sync() { file_->sync(); }
+
+    /// Renames the file to its destination, replacing what stands there, and syncs the folder.
+    void publish();
+
+private:
+    explicit StagedFile(std::string destination);
+    bool link(std::string const& source);
+    void copy(FileDescriptor& source);
+    void create();
+
+    std::string destination_;
+    FileDescriptor folder_;             // opened first: what can't be synced later is not begun
+    std::string name_;                  // empty: nothing to remove
+    std::optional<FileDescriptor> file_;
+    std::optional<mode_t> linkedMode_;  // of a source that shares its status with this file
+};
+
+/// The status of what stands at a path, links not followed; none where nothing does.
+std::optional<struct stat> statusOfEntry(std::string const& path);
+
+/// Where a file written to `path` really goes: the end of the chain of links that begins there, if there is one.
+std::string followLinks(std::string path);
+
+} // namespace opc::detail
