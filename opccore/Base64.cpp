@@ -111,7 +111,8 @@ private:
 
 } // namespace
 
-Exception::Exception(std::string const& message) : std::runtime_error(message) {}
+Exception::Exception(std::string const& message) : std::runtime_error(message) {
+}
 
 // Defined here so that the type has one home and is caught by type across library borders.
 Exception::~Exception() = default;

@@ -26,15 +26,16 @@ auto uninterrupted(Call call) -> decltype(call()) {
 } // namespace
 
 FileDescriptor::FileDescriptor(std::string path, int flags, mode_t permissions)
-    : path_(std::move(path)), descriptor_(uninterrupted([&] {
-          return ::open(path_.c_str(), flags | O_CLOEXEC, permissions);
-      })) {
+    : path_(std::move(path)),
+      descriptor_(uninterrupted([&] { return ::open(path_.c_str(), flags | O_CLOEXEC, permissions); })) {
     if (descriptor_ == -1)
         throwSystemError("Could not open", path_);
 }
 
 FileDescriptor::FileDescriptor(FileDescriptor&& other) noexcept
-    : path_(std::move(other.path_)), descriptor_(std::exchange(other.descriptor_, -1)) {}
+    : path_(std::move(other.path_)),
+      descriptor_(std::exchange(other.descriptor_, -1)) {
+}
 
 FileDescriptor::~FileDescriptor() {
     if (descriptor_ != -1)
@@ -76,9 +77,8 @@ void FileDescriptor::writeAllOf(FileDescriptor& source) {
     // The kernel's own copy shares blocks where the file system can. It refuses some pairs of files, and reports
     // nothing to copy for some that are not empty; the plain loop then goes on where it stopped.
     constexpr std::size_t AtOnce = std::size_t{1} << 30;
-    while (uninterrupted([&] {
-               return ::copy_file_range(source.descriptor_, nullptr, descriptor_, nullptr, AtOnce, 0);
-           }) > 0) {
+    while (uninterrupted(
+               [&] { return ::copy_file_range(source.descriptor_, nullptr, descriptor_, nullptr, AtOnce, 0); }) > 0) {
     }
     std::array<char, 64 * 1024> block;
     while (std::size_t const count = source.read(block.data(), block.size()))

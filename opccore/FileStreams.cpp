@@ -170,7 +170,9 @@ private:
 class OutputFileStream final : public std::ostream {
 public:
     OutputFileStream(FileDescriptor file, OnWriteFailure onFailure)
-        : std::ostream(nullptr), status_(file.status()), buffer_(std::move(file)) {
+        : std::ostream(nullptr),
+          status_(file.status()),
+          buffer_(std::move(file)) {
         rdbuf(&buffer_);
         if (onFailure == OnWriteFailure::Throw)
             exceptions(std::ios_base::badbit | std::ios_base::failbit);
@@ -197,8 +199,8 @@ private:
     void removeFile() {
         auto const& path = buffer_.file().path();
         struct stat now {};
-        bool const stillThere = ::lstat(path.c_str(), &now) == 0 && now.st_dev == status_.st_dev &&
-                                now.st_ino == status_.st_ino;
+        bool const stillThere =
+            ::lstat(path.c_str(), &now) == 0 && now.st_dev == status_.st_dev && now.st_ino == status_.st_ino;
         if (S_ISREG(status_.st_mode) && stillThere)
             ::unlink(path.c_str());
     }

@@ -210,8 +210,7 @@ std::shared_ptr<std::istream> LocalFileSystemOps::createInputStream(std::u16stri
 }
 
 std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStream(std::u16string const& path, unsigned mode) const {
-    return detail::openOutputStream(makeNativePath(path), (mode & StreamMode::App) != 0,
-                                    detail::OnWriteFailure::Throw);
+    return detail::openOutputStream(makeNativePath(path), (mode & StreamMode::App) != 0, detail::OnWriteFailure::Throw);
 }
 
 std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStream(std::u16string const& path, unsigned mode,

@@ -27,8 +27,8 @@ std::string toBytes(std::u16string const& path) {
     bytes.reserve(path.size());
     for (std::size_t i = 0; i < path.size(); ++i) {
         char32_t const unit = path[i];
-        bool const pair = unit >= 0xD800 && unit < 0xDC00 && i + 1 < path.size() && path[i + 1] >= 0xDC00 &&
-                          path[i + 1] < 0xE000;
+        bool const pair =
+            unit >= 0xD800 && unit < 0xDC00 && i + 1 < path.size() && path[i + 1] >= 0xDC00 && path[i + 1] < 0xE000;
         if (pair)
             utf8::unchecked::append(0x10000 + ((unit - 0xD800) << 10) + (path[++i] - 0xDC00U),
                                     std::back_inserter(bytes));

@@ -32,7 +32,9 @@ std::string nameBeside(std::string const& path) {
 } // namespace
 
 StagedFile::StagedFile(std::string destination)
-    : destination_(std::move(destination)), folder_(folderOf(destination_), O_RDONLY | O_DIRECTORY) {}
+    : destination_(std::move(destination)),
+      folder_(folderOf(destination_), O_RDONLY | O_DIRECTORY) {
+}
 
 // The body of a constructor that delegates runs in a finished object: the destructor cleans up after its exceptions.
 StagedFile::StagedFile(std::string const& source, std::string destination) : StagedFile(std::move(destination)) {

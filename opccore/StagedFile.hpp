@@ -46,10 +46,10 @@ private:
     void create();
 
     std::string destination_;
-    FileDescriptor folder_;             // opened first: what can't be synced later is not begun
-    std::string name_;                  // empty: nothing to remove
+    FileDescriptor folder_; // opened first: what can't be synced later is not begun
+    std::string name_;      // empty: nothing to remove
     std::optional<FileDescriptor> file_;
-    std::optional<mode_t> linkedMode_;  // of a source that shares its status with this file
+    std::optional<mode_t> linkedMode_; // of a source that shares its status with this file
 };
 
 /// The status of what stands at a path, links not followed; none where nothing does.

@@ -1,6 +1,5 @@
 #include <opccore/TempfileGuard.hpp>
 
-
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -5,7 +5,9 @@
 namespace opc::textpackage {
 
 MemoryPart::MemoryPart(TextPackageLightweightReader& /*reader*/, std::u16string const& name, bool isBase64)
-    : name_(name), isBase64_(isBase64) {}
+    : name_(name),
+      isBase64_(isBase64) {
+}
 
 void MemoryPart::processLine(std::string const& line) {
     if (hasLines_)

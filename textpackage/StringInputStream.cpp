@@ -2,7 +2,8 @@
 
 namespace opc::textpackage {
 
-StringInputStream::StringInputStream(std::string const& bytes) : stream_(bytes) {}
+StringInputStream::StringInputStream(std::string const& bytes) : stream_(bytes) {
+}
 
 void StringInputStream::open() {
     isOpen_ = true;

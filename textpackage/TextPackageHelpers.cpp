@@ -66,8 +66,8 @@ void findPackageBeginMarker(std::istream& stream, std::function<void(std::string
     throw Exception("Reached end of file without finding ZKOPC_PACKAGE_BEGIN marker");
 }
 
-void readParts(std::istream& stream, std::function<void(PartBegin const&)> onPartBegin,
-               std::function<bool()> onPartEnd, std::function<void(std::string const&)> onContentLine) {
+void readParts(std::istream& stream, std::function<void(PartBegin const&)> onPartBegin, std::function<bool()> onPartEnd,
+               std::function<void(std::string const&)> onContentLine) {
     bool inPart = false;
     std::string line;
     while (std::getline(stream, line)) {

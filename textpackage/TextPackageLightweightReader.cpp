@@ -27,7 +27,8 @@ bool beginsCaselesslyWith(std::u16string const& name, std::u16string const& pref
 } // namespace
 
 TextPackageLightweightReader::TextPackageLightweightReader(std::u16string const& path)
-    : packagePath_(fileSystemOps_.normalizePath(path)) {}
+    : packagePath_(fileSystemOps_.normalizePath(path)) {
+}
 
 TextPackageLightweightReader::~TextPackageLightweightReader() {
     close(false);
@@ -109,7 +110,8 @@ interfaces::IPhysicalPart* TextPackageLightweightReader::createPart(std::u16stri
     return nullptr;
 }
 
-void TextPackageLightweightReader::deletePart(std::u16string const& /*name*/) {}
+void TextPackageLightweightReader::deletePart(std::u16string const& /*name*/) {
+}
 
 void TextPackageLightweightReader::readParts(std::istream& stream) {
     std::sort(requestedParts_.begin(), requestedParts_.end(),

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace opctext {
+
+class PackageFile;
+
+/// One part as its package file shows it.
+struct PartEntry {
+    std::string name; ///< UTF-8
+    bool isBinary = false;
+    std::uint64_t size = 0;  ///< of the content in bytes, Base64 decoded
+    bool isComplete = false; ///< something follows it: another part or the package-end line
+};
+
+/// What a package file holds, the contents of its parts left aside.
+struct PackageListing {
+    std::vector<std::string> headerLines;
+    std::string releaseTag;       ///< what follows the package-begin marker
+    std::vector<PartEntry> parts; ///< in the order of the file
+    bool hasEndLine = false;
+};
+
+/// Scans the whole file. Throws `Failure` for a file that can't be read or is no package.
+PackageListing readListing(PackageFile const& file);
+
+/// How to call a part's form: "text" or "binary".
+char const* formOf(PartEntry const& part);
+
+/// A name or line for people: control characters, which could do something to a terminal, are shown as \xNN.
+std::string printable(std::string const& text);
+
+} // namespace opctext

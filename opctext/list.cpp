@@ -1,0 +1,72 @@
+#include <opctext/commands.hpp>
+
+#include <algorithm>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <opctext/Failure.hpp>
+#include <opctext/PackageFile.hpp>
+#include <opctext/PackageListing.hpp>
+#include <opctext/StandardOutput.hpp>
+
+namespace opctext {
+
+namespace {
+
+std::size_t countCodePoints(std::string const& text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+std::string asTable(std::vector<PartEntry> const& parts) {
+    std::size_t nameWidth = 0;
+    std::size_t sizeWidth = 0;
+    for (auto const& part : parts) {
+        nameWidth = std::max(nameWidth, countCodePoints(printable(part.name)));
+        sizeWidth = std::max(sizeWidth, std::to_string(part.size).size());
+    }
+    constexpr std::size_t WidestName = 80; // one long name must not push all sizes out of sight
+    std::string table;
+    for (auto const& part : parts)
+        table += fmt::format("{:<{}}  {:<6}  {:>{}}\n", printable(part.name), std::min(nameWidth, WidestName),
+                             formOf(part), part.size, sizeWidth);
+    return table;
+}
+
+std::string asNames(std::vector<PartEntry> const& parts) {
+    std::string names;
+    for (auto const& part : parts)
+        names += part.name + '\n';
+    return names;
+}
+
+std::string asJson(std::vector<PartEntry> const& parts) {
+    auto array = nlohmann::ordered_json::array();
+    for (auto const& part : parts)
+        array.push_back({{"name", part.name}, {"form", formOf(part)}, {"size", part.size}});
+    return array.dump(2) + '\n';
+}
+
+} // namespace
+
+void listParts(std::string const& file, ListForm form) {
+    auto listing = readListing(PackageFile(file));
+    std::string cutOff;
+    if (!listing.parts.empty() && !listing.parts.back().isComplete) {
+        cutOff = listing.parts.back().name;
+        listing.parts.pop_back();
+    }
+
+    writeOutput(form == ListForm::Table       ? asTable(listing.parts)
+                : form == ListForm::NamesOnly ? asNames(listing.parts)
+                                              : asJson(listing.parts));
+    if (!cutOff.empty())
+        throw Failure(ExitStatus::NotAPackage, file +
+                                                   ": the package-end line is missing: the file is cut off in part " +
+                                                   printable(cutOff) + ", which is not listed");
+    if (!listing.hasEndLine)
+        throw Failure(ExitStatus::NotAPackage, file + ": the package-end line is missing: the file is cut off");
+}
+
+} // namespace opctext
