@@ -67,7 +67,7 @@ char const* findFault(std::u16string_view name) {
             return "it has an empty segment";
         if (segment == u"." || segment == u"..")
             return "it has a dot segment";
-        if (detail::looksShortened(makeNativePath(std::u16string(segment))))
+        if (detail::looksShortened(segment))
             return "it could be taken for a longer name that was shortened";
         begin = end + 1;
     }

@@ -22,7 +22,7 @@ constexpr std::size_t MaximumHeadBytes = MaximumComponentBytes - 1 - HashBytes;
 constexpr std::size_t LongestSequenceBytes = 4;
 
 /// UTF-8, with three bytes for each lone surrogate: such a path still names one file of its own.
-std::string toBytes(std::u16string const& path) {
+std::string toBytes(std::u16string_view path) {
     std::string bytes;
     bytes.reserve(path.size());
     for (std::size_t i = 0; i < path.size(); ++i) {
@@ -61,12 +61,12 @@ void appendComponent(std::string& path, std::string_view component) {
 
 } // namespace
 
-bool looksShortened(std::string_view component) {
-    if (component.size() > MaximumComponentBytes || component.size() + LongestSequenceBytes <= MaximumComponentBytes)
+bool looksShortened(std::u16string_view component) {
+    auto const bytes = toBytes(component);
+    if (bytes.size() > MaximumComponentBytes || bytes.size() + LongestSequenceBytes <= MaximumComponentBytes)
         return false;
-    auto const hash = component.substr(component.size() - HashBytes);
-    return component[component.size() - HashBytes - 1] == HashMark &&
-           hash.find_first_not_of("0123456789abcdef-") == std::string_view::npos;
+    auto const markAt = bytes.size() - HashBytes - 1;
+    return bytes[markAt] == HashMark && bytes.find_first_not_of("0123456789abcdef-", markAt + 1) == std::string::npos;
 }
 
 std::string makeNativePath(std::u16string const& path) {

@@ -4,7 +4,7 @@
 
 namespace opc::detail {
 
-/// Whether a component of a native path has the form that `makeNativePath` gives to one that was too long.
-bool looksShortened(std::string_view component);
+/// Whether a component of a path has the form that `makeNativePath` gives to one that is too long.
+bool looksShortened(std::u16string_view component);
 
 } // namespace opc::detail

@@ -92,11 +92,12 @@ char const* formOf(PartEntry const& part) {
 
 std::string printable(std::string const& text) {
     std::string result;
-    for (unsigned char const c : text) {
-        if (c < 0x20 || c == 0x7F)
-            result += fmt::format("\\x{:02X}", c);
+    for (char const c : text) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F)
+            result += fmt::format("\\x{:02X}", byte);
         else
-            result += static_cast<char>(c);
+            result += c;
     }
     return result;
 }
