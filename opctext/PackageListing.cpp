@@ -6,6 +6,7 @@
 
 #include <opccore/Base64.hpp>
 #include <opccore/StringConversion.hpp>
+#include <opctext/Failure.hpp>
 #include <opctext/PackageFile.hpp>
 #include <textpackage/TextPackageHelpers.hpp>
 
@@ -84,6 +85,15 @@ PackageListing readListing(PackageFile const& file) {
     PackageListing listing;
     file.scan([&](std::istream& stream) { listing = ListingScan(stream).run(); });
     return listing;
+}
+
+void requireEndLine(PackageListing const& listing, std::string const& path) {
+    if (listing.hasEndLine)
+        return;
+    auto message = path + ": the package-end line is missing: the file is cut off";
+    if (!listing.parts.empty())
+        message += " in part " + printable(listing.parts.back().name) + ", which counts as missing";
+    throw Failure(ExitStatus::NotAPackage, message);
 }
 
 char const* formOf(PartEntry const& part) {

@@ -27,6 +27,9 @@ struct PackageListing {
 /// Scans the whole file. Throws `Failure` for a file that can't be read or is no package.
 PackageListing readListing(PackageFile const& file);
 
+/// Throws the `Failure` for a file that is cut off, if this one is.
+void requireEndLine(PackageListing const& listing, std::string const& path);
+
 /// How to call a part's form: "text" or "binary".
 char const* formOf(PartEntry const& part);
 

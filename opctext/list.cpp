@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include <opctext/Failure.hpp>
 #include <opctext/PackageFile.hpp>
 #include <opctext/PackageListing.hpp>
 #include <opctext/StandardOutput.hpp>
@@ -51,22 +50,15 @@ std::string asJson(std::vector<PartEntry> const& parts) {
 } // namespace
 
 void listParts(std::string const& file, ListForm form) {
-    auto listing = readListing(PackageFile(file));
-    std::string cutOff;
-    if (!listing.parts.empty() && !listing.parts.back().isComplete) {
-        cutOff = listing.parts.back().name;
-        listing.parts.pop_back();
-    }
+    auto const listing = readListing(PackageFile(file));
+    auto parts = listing.parts;
+    if (!parts.empty() && !parts.back().isComplete)
+        parts.pop_back();
 
-    writeOutput(form == ListForm::Table       ? asTable(listing.parts)
-                : form == ListForm::NamesOnly ? asNames(listing.parts)
-                                              : asJson(listing.parts));
-    if (!cutOff.empty())
-        throw Failure(ExitStatus::NotAPackage, file +
-                                                   ": the package-end line is missing: the file is cut off in part " +
-                                                   printable(cutOff) + ", which is not listed");
-    if (!listing.hasEndLine)
-        throw Failure(ExitStatus::NotAPackage, file + ": the package-end line is missing: the file is cut off");
+    writeOutput(form == ListForm::Table       ? asTable(parts)
+                : form == ListForm::NamesOnly ? asNames(parts)
+                                              : asJson(parts));
+    requireEndLine(listing, file);
 }
 
 } // namespace opctext

@@ -7,7 +7,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <opctext/Failure.hpp>
 #include <opctext/StandardOutput.hpp>
 #include <opctext/commands.hpp>
 
@@ -15,15 +14,9 @@ namespace opctext {
 
 namespace {
 
-/// What the command line asks for; the functions fill in the command to run.
-struct CommandLine {
-    CLI::App app{"Reads OPC packages (docx, xlsx, pptx, 3mf, ...) that are stored as one text file.", "opctext"};
-    std::string file;
-    std::vector<std::string> parts;
-    bool namesOnly = false;
-    bool json = false;
-    std::function<void()> command;
-
+/// What the command line asks for; parsing it fills in the command to run.
+class CommandLine {
+public:
     CommandLine() {
         app.set_version_flag("--version", "opctext " OPCTEXT_VERSION);
         app.require_subcommand(1);
@@ -34,38 +27,145 @@ struct CommandLine {
                    "something; 2 wrong usage; 3 not a package, or malformed; 4 an input or output error.");
         addList();
         addCat();
+        addExtract();
         addInfo();
+        addCheck();
+        addCreate();
+        addSet();
+        addRemove();
+        addHeader();
     }
+
+    CLI::App app{"Reads and changes OPC packages (docx, xlsx, pptx, 3mf, ...) that are stored as one text file.",
+                 "opctext"};
+    std::function<ExitStatus()> command;
 
 private:
     CLI::App& add(char const* name, char const* description) {
         auto& subcommand = *app.add_subcommand(name, description);
-        subcommand.add_option("FILE", file, "a package in text form")->required();
+        subcommand.add_option("FILE", file_, "a package in text form")->required();
         return subcommand;
     }
 
     void addList() {
         auto& list = add("list", "List the parts: name, text or binary, size of the content in bytes");
-        auto* const one = list.add_flag("-1", namesOnly, "only the names, one a line");
-        list.add_flag("--json", json, "as JSON: an array of objects with name, form and size")->excludes(one);
+        auto* const one = list.add_flag("-1", namesOnly_, "only the names, one a line");
+        list.add_flag("--json", json_, "as JSON: an array of objects with name, form and size")->excludes(one);
         list.callback([this] {
-            auto const form = json ? ListForm::Json : namesOnly ? ListForm::NamesOnly : ListForm::Table;
-            command = [this, form] { listParts(file, form); };
+            auto const form = json_ ? ListForm::Json : namesOnly_ ? ListForm::NamesOnly : ListForm::Table;
+            run([this, form] { listParts(file_, form); });
         });
     }
 
     void addCat() {
-        auto& cat = add("cat", "Write the contents of parts to standard output. A CR LF inside a text part comes out "
-                               "as LF; binary parts are exact");
-        cat.add_option("PART", parts, "names of parts, as list shows them; the case of letters doesn't matter")
-            ->required();
-        cat.callback([this] { command = [this] { catParts(file, parts); }; });
+        auto& cat = add("cat", "Write the contents of parts to standard output, byte for byte");
+        addParts(cat)->required();
+        cat.add_flag("--light", light_,
+                     "stop reading early, and write nothing to the disk; a CR LF inside a text part comes out as LF");
+        cat.callback(
+            [this] { run([this] { catParts(file_, parts_, light_ ? CatMethod::Light : CatMethod::Exact); }); });
+    }
+
+    void addExtract() {
+        auto& extract = add("extract", "Write parts, all where none is named, as files below a folder");
+        addParts(extract);
+        extract.add_option("-C", folder_, "the folder; made if it is missing")->type_name("FOLDER")->default_str(".");
+        extract.add_flag("-f,--force", force_, "overwrite files that exist");
+        extract.callback(
+            [this] { run([this] { extractParts(file_, parts_, folder_, force_ ? Overwrite::Yes : Overwrite::No); }); });
     }
 
     void addInfo() {
         auto& info = add("info", "Show the header, the release tag, counts and sizes, and whether the file is whole");
-        info.callback([this] { command = [this] { showInfo(file); }; });
+        info.callback([this] { run([this] { showInfo(file_); }); });
     }
+
+    void addCheck() {
+        auto& check = *app.add_subcommand("check", "Read whole packages and report what is wrong with them");
+        check.add_option("FILE", files_, "packages in text form")->required();
+        check.add_flag("--strict", strict_, "count warnings as errors");
+        check.add_flag("--json", json_, "as JSON: an array of objects with file, line, severity and message");
+        check.callback([this] { command = [this] { return checkFiles(files_, strict_, json_); }; });
+    }
+
+    void addCreate() {
+        auto& create = add("create", "Make a new package with nothing but an empty list of content types");
+        create.add_flag("-f,--force", force_, "overwrite a file that exists");
+        addBackup(create);
+        create.callback([this] { run([this] { createPackage(file_, force_, keepBackup()); }); });
+    }
+
+    void addSet() {
+        auto& set = add("set", "Give a part, new or not, new content");
+        set.add_option("PART", part_, "the name of the part")->required();
+        set.add_option("--from", source_, "the file with the content; - for standard input")->default_str("-");
+        auto* const binary = set.add_flag("--binary", binary_, "store it in Base64; without either the bytes decide");
+        set.add_flag("--text", text_, "store it as text")->excludes(binary);
+        addBackup(set);
+        set.callback([this] {
+            auto const form = binary_ ? ContentForm::Binary : text_ ? ContentForm::Text : ContentForm::ByContent;
+            run([this, form] { setPart(file_, part_, source_, form, keepBackup()); });
+        });
+    }
+
+    void addRemove() {
+        auto& remove = add("rm", "Remove parts");
+        addParts(remove)->required();
+        addBackup(remove);
+        remove.callback([this] { run([this] { removeParts(file_, parts_, keepBackup()); }); });
+    }
+
+    void addHeader() {
+        auto& header = add("header", "Show or change the text above the package");
+        auto* const set = header.add_option("--set", headerText_, "the new text");
+        auto* const from = header.add_option("--from", source_, "a file with it; - for standard input");
+        auto* const clear = header.add_flag("--clear", clear_, "remove it");
+        set->excludes(from)->excludes(clear);
+        from->excludes(clear);
+        addBackup(header);
+        header.callback([this, set, from] {
+            if (set->count() > 0 || clear_)
+                run([this] { setHeader(file_, headerText_, keepBackup()); });
+            else if (from->count() > 0)
+                run([this] { setHeader(file_, readHeaderFile(source_), keepBackup()); });
+            else
+                run([this] { showHeader(file_); });
+        });
+    }
+
+    CLI::Option* addParts(CLI::App& subcommand) {
+        return subcommand.add_option("PART", parts_,
+                                     "names of parts, as list shows them; the case of letters doesn't matter");
+    }
+
+    void addBackup(CLI::App& subcommand) { subcommand.add_flag("--backup", backup_, "keep the old file as FILE.bak"); }
+
+    KeepBackup keepBackup() const { return backup_ ? KeepBackup::Yes : KeepBackup::No; }
+
+    template <class Action>
+    void run(Action action) {
+        command = [action] {
+            action();
+            return ExitStatus::Fine;
+        };
+    }
+
+    std::string file_;
+    std::vector<std::string> files_;
+    std::vector<std::string> parts_;
+    std::string part_;
+    std::string source_ = "-";
+    std::string folder_ = ".";
+    std::string headerText_;
+    bool namesOnly_ = false;
+    bool json_ = false;
+    bool light_ = false;
+    bool strict_ = false;
+    bool force_ = false;
+    bool binary_ = false;
+    bool text_ = false;
+    bool clear_ = false;
+    bool backup_ = false;
 };
 
 ExitStatus report(std::string const& message, ExitStatus status) {
@@ -73,11 +173,11 @@ ExitStatus report(std::string const& message, ExitStatus status) {
     return status;
 }
 
-ExitStatus run(std::function<void()> const& command) {
+ExitStatus run(std::function<ExitStatus()> const& command) {
     try {
-        command();
+        auto const status = command();
         finishOutput();
-        return ExitStatus::Fine;
+        return status;
     } catch (Failure const& failure) {
         std::fflush(stdout);
         return report(failure.what(), failure.status());
