@@ -80,7 +80,7 @@ void FileDescriptor::writeAllOf(FileDescriptor& source) {
     while (uninterrupted(
                [&] { return ::copy_file_range(source.descriptor_, nullptr, descriptor_, nullptr, AtOnce, 0); }) > 0) {
     }
-    std::array<char, 64 * 1024> block;
+    std::array<char, 65536> block;
     while (std::size_t const count = source.read(block.data(), block.size()))
         write(block.data(), count);
 }

@@ -16,7 +16,7 @@ namespace opc::detail {
 
 namespace {
 
-constexpr std::size_t BufferBytes = 64 * 1024;
+constexpr std::size_t BufferBytes = 65536;
 
 /// A block whose bytes are not set: a package may open a stream for each of 100,000 small parts.
 std::unique_ptr<char[]> newBlock() {

@@ -130,7 +130,7 @@ std::u16string_view withoutTrailingSlashes(std::u16string_view path) {
 LocalFileSystemOps::~LocalFileSystemOps() = default;
 
 std::u16string LocalFileSystemOps::appendPath(std::u16string const& folder, std::u16string const& name) const {
-    auto const relative = name.substr(name.compare(0, 1, u"/") == 0 ? 1 : 0);
+    auto relative = name.substr(name.compare(0, 1, u"/") == 0 ? 1 : 0);
     if (char const* const fault = findFault(relative))
         throw Exception("Not a usable part name: \"" + toUDEString(name) + "\": " + fault);
     if (folder.empty())
@@ -155,7 +155,7 @@ std::u16string LocalFileSystemOps::getParentPath(std::u16string const& path) con
 std::u16string LocalFileSystemOps::getTempName(std::u16string const& prefix) const {
     auto const area = toString(detail::temporaryFolder(), true);
     for (;;) {
-        auto const path = appendPath(area, prefix + toString(detail::randomName(), true));
+        auto path = appendPath(area, prefix + toString(detail::randomName(), true));
         struct stat status {};
         if (::lstat(makeNativePath(path).c_str(), &status) == -1)
             return path;

@@ -50,7 +50,7 @@ StagedFile::StagedFile(FileDescriptor& source, std::string destination) : Staged
 
 StagedFile::StagedFile(std::istream& source, std::string destination) : StagedFile(std::move(destination)) {
     create();
-    std::array<char, 64 * 1024> block;
+    std::array<char, 65536> block;
     while (source.read(block.data(), block.size()), source.gcount() > 0)
         file_->write(block.data(), static_cast<std::size_t>(source.gcount()));
 }
@@ -131,7 +131,7 @@ std::string followLinks(std::string path) {
         if (size == -1)
             return path; // no link, or nothing there
         std::string next(target.data(), static_cast<std::size_t>(size));
-        path = next.front() == '/' ? std::move(next) : folderOf(path) + "/" + next;
+        path = next.front() == '/' ? std::move(next) : folderOf(path).append("/").append(next);
     }
     throwSystemError("Could not follow the links at", path, ELOOP);
 }

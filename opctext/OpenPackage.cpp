@@ -57,7 +57,7 @@ std::vector<IPhysicalPart*> OpenPackage::findAll(std::vector<std::string> const&
 }
 
 void readContent(IPhysicalPart& part, std::function<void(std::string_view)> const& onBlock) {
-    std::string block(256 * 1024, '\0');
+    std::string block(262144, '\0');
     auto& stream = *part.getInputStream();
     stream.close(); // so that it starts at the first byte, even if the part was read before
     stream.open();

@@ -80,7 +80,7 @@ std::string PackageFile::lineBefore(std::istream& stream) const {
     auto remaining = static_cast<std::int64_t>(stream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in));
     auto const copy = opc::LocalFileSystemOps().createInputStream(corePath_, ReadBinary);
     std::int64_t lines = 0;
-    std::string block(64 * 1024, '\0');
+    std::string block(65536, '\0');
     char last = '\n';
     while (remaining > 0) {
         copy->read(block.data(), std::min<std::int64_t>(remaining, static_cast<std::int64_t>(block.size())));

@@ -10,9 +10,9 @@
 /// The text package format: its markers, and the scanner that both package classes read it with.
 ///
 /// The scanner works line by line, never seeks, and leaves the stream right after the last line that it took, so that
-/// a callback may ask the stream for its position. Exceptions from a callback pass through unchanged, and an empty
-/// callback that is needed throws `std::bad_function_call`. After a failure the stream's position is unspecified.
-/// Threads: reentrant.
+/// a callback may ask the stream for its position (which `tellg` refuses to tell after a last line without an LF).
+/// Exceptions from a callback pass through unchanged, and an empty callback that is needed throws
+/// `std::bad_function_call`. After a failure the stream's position is unspecified. Threads: reentrant.
 namespace opc::textpackage::TextPackageHelpers {
 
 /// What a part-begin line says.

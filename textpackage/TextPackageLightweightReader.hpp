@@ -62,7 +62,8 @@ public:
     FileSystemOps& getFSImpl();
 
     /// Asks for a part, without regard to the case of its name, at the next `open`. That `open` uses up the requests:
-    /// a name that it found, or that it passed without finding, is not looked for again.
+    /// a name that it found, or that it passed without finding, is not looked for again. A second `open` without new
+    /// requests, after a search, stops after the first part of the file.
     void addRequestedPart(std::u16string const& name);
 
     /// Reads the file, unless the reader is open. Throws `opc::Exception`
