@@ -70,6 +70,7 @@ private:
         if (padding_ > 0)
             fail("data after the padding", offset);
         bits_ = bits_ << 6 | Fourth[character];
+        lastDigitOffset_ = offset;
         if (++digits_ < 4)
             return;
         appendBytes(bits_, 3);
@@ -90,7 +91,7 @@ private:
         std::uint32_t const bits = bits_ << 6 * padding_;
         unsigned const count = 3 - padding_;
         if ((bits & (0xFFFFFFU >> 8 * count)) != 0)
-            fail("trailing bits that are not zero", end);
+            fail("trailing bits that are not zero", lastDigitOffset_);
         appendBytes(bits, count);
     }
 
@@ -107,6 +108,7 @@ private:
     std::uint32_t bits_ = 0; // of the group at hand
     unsigned digits_ = 0;    // of the group at hand
     unsigned padding_ = 0;   // of the text
+    std::size_t lastDigitOffset_ = 0;
 };
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <opccore/FileDescriptor.hpp>
+#include <opccore/StagedFile.hpp>
 #include <opccore/SystemError.hpp>
 
 namespace opc::detail {
@@ -179,8 +180,12 @@ public:
     }
 
     ~OutputFileStream() override {
-        if (!finish())
-            removeFile();
+        try {
+            if (!finish())
+                undo();
+        } catch (...) {
+            // Nobody is left to be told.
+        }
     }
 
 private:
@@ -192,20 +197,24 @@ private:
             buffer_.file().close();
             return !fail();
         } catch (...) {
-            return false; // nobody is left to be told: whoever opens the file finds it missing
+            return false; // whoever opens the file will find it missing
         }
     }
 
-    void removeFile() {
-        auto const& path = buffer_.file().path();
-        struct stat now {};
-        bool const stillThere =
-            ::lstat(path.c_str(), &now) == 0 && now.st_dev == status_.st_dev && now.st_ino == status_.st_ino;
-        if (S_ISREG(status_.st_mode) && stillThere)
+    /// Removes the file, or what was appended to it.
+    void undo() {
+        auto const path = followLinks(buffer_.file().path());
+        auto const now = statusOfEntry(path);
+        bool const isStillThere = now && now->st_dev == status_.st_dev && now->st_ino == status_.st_ino;
+        if (!isStillThere || !S_ISREG(status_.st_mode))
+            return;
+        if (status_.st_size == 0)
             ::unlink(path.c_str());
+        else if (::truncate(path.c_str(), status_.st_size) == -1)
+            return; // nothing more can be done
     }
 
-    struct stat status_;
+    struct stat status_; // when it was opened, and emptied if it was to be
     OutputFileBuffer buffer_;
 };
 

@@ -18,7 +18,7 @@ enum class OnWriteFailure {
 };
 
 /// Opens a file for writing; creates it, and empties it unless `append` is set. A regular file that could not be
-/// written whole is removed when the stream is destroyed.
+/// written whole is removed when the stream is destroyed; one that something was to be appended to is cut back.
 std::shared_ptr<std::ostream> openOutputStream(std::string const& nativePath, bool append, OnWriteFailure onFailure);
 
 } // namespace opc::detail

@@ -88,7 +88,8 @@ public:
     /// Opens a file for writing; creates it where it is missing and empties it unless `mode` holds
     /// `StreamMode::App`. The stream of the first form throws `opc::Exception` when a write fails; that of the
     /// second sets its bad or fail bit. With either form a regular file that could not be written whole is removed
-    /// when the stream is released, so that no reader takes it for a whole one. Null on a reported failure.
+    /// when the stream is released, so that no reader takes it for a whole one; with `App` it is cut back to what it
+    /// held before. Null on a reported failure.
     virtual std::shared_ptr<std::ostream> createOutputStream(std::u16string const& path, unsigned mode) const = 0;
     virtual std::shared_ptr<std::ostream> createOutputStream(std::u16string const& path, unsigned mode,
                                                              boost::system::error_code& code) const = 0;

@@ -84,15 +84,6 @@ void createFolder(std::string const& path) {
         throwSystemError("Could not create folder", path, error);
 }
 
-/// Opens a file to copy it; never waits for what is no regular file, a pipe for example.
-FileDescriptor openRegularFile(std::u16string const& path) {
-    FileDescriptor file(makeNativePath(path), O_RDONLY | O_NONBLOCK);
-    auto const mode = file.status().st_mode;
-    if (!S_ISREG(mode))
-        throwSystemError("Could not copy", file.path(), S_ISDIR(mode) ? EISDIR : EINVAL);
-    return file;
-}
-
 void copyToNewFile(FileDescriptor& source, std::string const& to) {
     FileDescriptor copy(to, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, source.status().st_mode & 0777);
     try {
@@ -104,19 +95,30 @@ void copyToNewFile(FileDescriptor& source, std::string const& to) {
     }
 }
 
+void requireDifferentEntries(std::string const& first, std::string const& second) {
+    if (detail::isSameEntry(first, second))
+        throwSystemError("Could not replace a file by itself or keep it as its own backup:", first, EINVAL);
+}
+
 /// The new file beside the one that it will replace.
 std::unique_ptr<StagedFile> stageSource(FileSystemOps& fileSystem, std::u16string const& source,
                                         std::string const& destination) {
-    if (dynamic_cast<LocalFileSystemOps*>(&fileSystem) != nullptr)
-        return std::make_unique<StagedFile>(makeNativePath(source), destination);
+    if (dynamic_cast<LocalFileSystemOps*>(&fileSystem) != nullptr) {
+        auto const native = makeNativePath(source);
+        requireDifferentEntries(native, destination);
+        return std::make_unique<StagedFile>(native, destination);
+    }
     auto const content = fileSystem.createInputStream(source, StreamMode::In | StreamMode::Binary);
     return std::make_unique<StagedFile>(*content, destination);
 }
 
-std::unique_ptr<StagedFile> stageBackup(std::string const& original, struct stat const& status,
-                                        std::u16string const& backupPath) {
-    auto backup = std::make_unique<StagedFile>(original, makeNativePath(backupPath));
-    backup->setPermissionsOf(status);
+/// The backup of the old file beside the name that it will have.
+std::unique_ptr<StagedFile> stageBackup(std::string const& original, std::string const& source,
+                                        std::string const& backupPath) {
+    requireDifferentEntries(backupPath, original);
+    requireDifferentEntries(backupPath, source);
+    auto backup = std::make_unique<StagedFile>(original, backupPath);
+    backup->setPermissionsOf(*detail::statusOfEntry(original));
     backup->sync();
     return backup;
 }
@@ -170,7 +172,7 @@ std::u16string LocalFileSystemOps::normalizePath(std::u16string const& path) con
     auto const normalized = std::filesystem::weakly_canonical(std::filesystem::absolute(native, code), code);
     if (code)
         throwSystemError("Could not resolve", native, code.value());
-    return toString(normalized.native(), true);
+    return detail::fromNativePath(normalized.native());
 }
 
 bool LocalFileSystemOps::exists(std::u16string const& path) const {
@@ -222,13 +224,13 @@ std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStream(std::u16str
 }
 
 void LocalFileSystemOps::copy(std::u16string const& from, std::u16string const& to, ExistsMode mode) const {
-    auto source = openRegularFile(from);
+    auto source = detail::openRegularFile(makeNativePath(from));
     auto const destination = makeNativePath(to);
     if (mode == ExistsMode::Fail)
         return copyToNewFile(source, destination);
 
     StagedFile staged(source, destination);
-    staged.setPermissionsOf(source.status());
+    staged.sync();
     staged.publish();
 }
 
@@ -244,8 +246,10 @@ void LocalFileSystemOps::replaceFileWithBackup(std::u16string const& target, Fil
     old ? fresh->setPermissionsOf(*old) : fresh->setDefaultPermissions();
     fresh->sync();
     std::unique_ptr<StagedFile> backup;
-    if (old && options.keepBackup)
-        backup = stageBackup(destination, *old, options.backupPath.empty() ? target + u".bak" : options.backupPath);
+    if (old && options.keepBackup) {
+        auto const backupPath = options.backupPath.empty() ? target + u".bak" : options.backupPath;
+        backup = stageBackup(destination, makeNativePath(source), makeNativePath(backupPath));
+    }
 
     if (options.beforeReplace)
         options.beforeReplace(target);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <string>
 
 #include <boost/uuid/name_generator_sha1.hpp>
@@ -59,7 +60,25 @@ void appendComponent(std::string& path, std::string_view component) {
         path.append(headOf(component)).append(1, HashMark).append(hashOf(component));
 }
 
+bool isSurrogateInBytes(std::string_view bytes) {
+    return bytes.size() >= 3 && bytes[0] == '\xED' && (bytes[1] & '\xE0') == '\xA0' && (bytes[2] & '\xC0') == '\x80';
+}
+
 } // namespace
+
+std::u16string fromNativePath(std::string const& path) {
+    std::u16string result;
+    for (auto begin = path.begin();;) {
+        auto const invalid = utf8::find_invalid(begin, path.end());
+        utf8::unchecked::utf8to16(begin, invalid, std::back_inserter(result));
+        if (invalid == path.end())
+            return result;
+        if (!isSurrogateInBytes({&*invalid, static_cast<std::size_t>(path.end() - invalid)}))
+            return toString(path, true); // which says what is wrong
+        begin = invalid + 3;
+        utf8::unchecked::utf8to16(invalid, begin, std::back_inserter(result));
+    }
+}
 
 bool looksShortened(std::u16string_view component) {
     auto const bytes = toBytes(component);

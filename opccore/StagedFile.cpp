@@ -40,26 +40,32 @@ StagedFile::StagedFile(std::string destination)
 StagedFile::StagedFile(std::string const& source, std::string destination) : StagedFile(std::move(destination)) {
     if (link(source))
         return;
-    FileDescriptor original(source, O_RDONLY);
-    copy(original);
+    auto original = openRegularFile(source);
+    create(0600);
+    file_->writeAllOf(original);
 }
 
 StagedFile::StagedFile(FileDescriptor& source, std::string destination) : StagedFile(std::move(destination)) {
-    copy(source);
+    create(source.status().st_mode & 0777);
+    file_->writeAllOf(source);
 }
 
 StagedFile::StagedFile(std::istream& source, std::string destination) : StagedFile(std::move(destination)) {
-    create();
+    create(0600);
     std::array<char, 65536> block;
     while (source.read(block.data(), block.size()), source.gcount() > 0)
         file_->write(block.data(), static_cast<std::size_t>(source.gcount()));
+    if (source.bad())
+        throwSystemError("Could not read the new content of", destination_, EIO);
 }
 
 StagedFile::~StagedFile() {
     if (name_.empty())
         return;
-    if (linkedMode_ && file_)
-        ::fchmod(file_->handle(), *linkedMode_);
+    if (linked_ && file_) {
+        file_->setOwner(linked_->st_uid, linked_->st_gid);
+        ::fchmod(file_->handle(), linked_->st_mode & PermissionBits);
+    }
     ::unlink(name_.c_str());
 }
 
@@ -98,20 +104,31 @@ bool StagedFile::link(std::string const& source) {
     if (::link(source.c_str(), name.c_str()) == -1)
         return false; // another file system, or one without links
     name_ = std::move(name);
-    linkedMode_ = status->st_mode & PermissionBits;
+    linked_ = status;
     file_.emplace(name_, O_RDONLY | O_NOFOLLOW);
     return true;
 }
 
-void StagedFile::copy(FileDescriptor& source) {
-    create();
-    file_->writeAllOf(source);
+void StagedFile::create(mode_t permissions) {
+    auto name = nameBeside(destination_);
+    file_.emplace(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, permissions);
+    name_ = std::move(name);
 }
 
-void StagedFile::create() {
-    auto name = nameBeside(destination_);
-    file_.emplace(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
-    name_ = std::move(name);
+FileDescriptor openRegularFile(std::string const& path) {
+    FileDescriptor file(path, O_RDONLY | O_NONBLOCK);
+    auto const mode = file.status().st_mode;
+    if (!S_ISREG(mode))
+        throwSystemError("Could not copy", path, S_ISDIR(mode) ? EISDIR : EINVAL);
+    return file;
+}
+
+bool isSameEntry(std::string const& first, std::string const& second) {
+    if (first.substr(first.rfind('/') + 1) != second.substr(second.rfind('/') + 1))
+        return false;
+    auto const firstFolder = FileDescriptor(folderOf(first), O_PATH | O_DIRECTORY).status();
+    auto const secondFolder = FileDescriptor(folderOf(second), O_PATH | O_DIRECTORY).status();
+    return firstFolder.st_dev == secondFolder.st_dev && firstFolder.st_ino == secondFolder.st_ino;
 }
 
 std::optional<struct stat> statusOfEntry(std::string const& path) {

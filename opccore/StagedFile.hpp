@@ -20,7 +20,7 @@ public:
     /// copy for its owner alone.
     StagedFile(std::string const& source, std::string destination);
 
-    /// A copy of `source` from its position to its end, for its owner alone.
+    /// A copy of `source` from its position to its end, with its permission bits as far as the umask allows.
     StagedFile(FileDescriptor& source, std::string destination);
     StagedFile(std::istream& source, std::string destination);
 
@@ -42,15 +42,20 @@ public:
 private:
     explicit StagedFile(std::string destination);
     bool link(std::string const& source);
-    void copy(FileDescriptor& source);
-    void create();
+    void create(mode_t permissions);
 
     std::string destination_;
     FileDescriptor folder_; // opened first: what can't be synced later is not begun
     std::string name_;      // empty: nothing to remove
     std::optional<FileDescriptor> file_;
-    std::optional<mode_t> linkedMode_; // of a source that shares its status with this file
+    std::optional<struct stat> linked_; // the status of a source that shares it with this file
 };
+
+/// Opens a regular file to copy it; never waits for what is none, a pipe for example, but throws.
+FileDescriptor openRegularFile(std::string const& path);
+
+/// Whether two paths lead to the same entry of the same folder.
+bool isSameEntry(std::string const& first, std::string const& second);
 
 /// The status of what stands at a path, links not followed; none where nothing does.
 std::optional<struct stat> statusOfEntry(std::string const& path);

@@ -1,5 +1,6 @@
 #include <opccore/StringConversion.hpp>
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 
@@ -36,7 +37,8 @@ std::size_t findLoneSurrogate(std::u16string const& text, std::size_t begin) {
 /// The text for a message: what is ill-formed replaced, what is long cut.
 std::string quoted(std::string const& text) {
     constexpr std::size_t Most = 200;
-    auto const shown = utf8::replace_invalid(text.substr(0, Most));
+    auto shown = utf8::replace_invalid(text.substr(0, Most));
+    std::replace(shown.begin(), shown.end(), '\0', '?'); // a NUL would end the message
     return "\"" + shown + (text.size() > Most ? "\"..." : "\"");
 }
 
@@ -62,7 +64,9 @@ std::u16string toString(std::string const& text, bool strict) {
 }
 
 std::string toUDEString(std::u16string const& path) {
-    return detail::toUTF8String(path, false);
+    auto shown = path;
+    std::replace(shown.begin(), shown.end(), u'\0', ReplacementCharacter); // a NUL would end the message
+    return detail::toUTF8String(shown, false);
 }
 
 std::string detail::toUTF8String(std::u16string const& text, bool strict) {

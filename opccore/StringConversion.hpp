@@ -12,7 +12,7 @@ namespace opc {
 /// becomes U+FFFD.
 OPCCORE_EXPORT std::u16string toString(std::string const& text, bool strict);
 
-/// A path in the 8-bit form for messages, in UTF-8; never fails: a lone surrogate becomes U+FFFD.
+/// A path in the 8-bit form for messages, in UTF-8; never fails: a lone surrogate or a NUL becomes U+FFFD.
 OPCCORE_EXPORT std::string toUDEString(std::u16string const& path);
 
 namespace detail {

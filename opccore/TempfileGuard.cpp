@@ -13,8 +13,9 @@ namespace opc::util {
 TempfileGuard::TempfileGuard(std::u16string const& folder, std::u16string const& prefix, std::u16string const& suffix)
     : fileName_((folder.empty() ? toString(detail::temporaryFolder(), true) : folder) + u'/' + prefix +
                 toString(detail::randomName(), true) + suffix) {
-    if ((prefix + suffix).find(u'/') != std::u16string::npos)
-        throw Exception("Could not create temporary file \"" + toUDEString(fileName_) + "\": its name holds a \"/\"");
+    if ((prefix + suffix).find_first_of(u"/\0", 0, 2) != std::u16string::npos)
+        throw Exception("Could not create temporary file \"" + toUDEString(fileName_) +
+                        "\": its name holds a \"/\" or a NUL");
     try {
         detail::FileDescriptor(detail::makeNativePath(fileName_), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
     } catch (Exception const& failure) {
