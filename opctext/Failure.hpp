@@ -12,6 +12,8 @@ enum class ExitStatus {
     WrongUsage = 2,
     NotAPackage = 3, ///< or a malformed one
     InputOutput = 4,
+    LimitExceeded = 5, ///< a ZIP file holds more than it may
+    UnsafeName = 6,    ///< a ZIP file has a member whose name might lead out of a folder
 };
 
 /// Ends a command with a message for the person who called it and an exit status.

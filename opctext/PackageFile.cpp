@@ -41,8 +41,11 @@ void translateFailures(Action const& action, Where const& where) {
 
 } // namespace
 
-PackageFile::PackageFile(std::string path) : path_(std::move(path)) {
-    run([&] { corePath_ = opc::LocalFileSystemOps().normalizePath(opc::toString(path_, true)); });
+PackageFile::PackageFile(std::string const& path) : PackageFile(path, path) {
+}
+
+PackageFile::PackageFile(std::string const& path, std::string shownPath) : path_(std::move(shownPath)) {
+    run([&] { corePath_ = opc::LocalFileSystemOps().normalizePath(opc::toString(path, true)); });
 }
 
 void PackageFile::run(std::function<void()> const& action) const {

@@ -11,8 +11,12 @@ namespace opctext {
 class PackageFile {
 public:
     /// `path` is in the system's form, as the shell gave it.
-    explicit PackageFile(std::string path);
+    explicit PackageFile(std::string const& path);
 
+    /// A file that messages call by another name.
+    PackageFile(std::string const& path, std::string shownPath);
+
+    /// The path for messages.
     std::string const& path() const { return path_; }
 
     /// The path in the form that the library takes.

@@ -1,10 +1,12 @@
 #include <opctext/PackageListing.hpp>
 
+#include <fstream>
 #include <istream>
 
 #include <fmt/format.h>
 
 #include <opccore/Base64.hpp>
+#include <opccore/Exception.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opctext/Failure.hpp>
 #include <opctext/PackageFile.hpp>
@@ -85,6 +87,19 @@ PackageListing readListing(PackageFile const& file) {
     PackageListing listing;
     file.scan([&](std::istream& stream) { listing = ListingScan(stream).run(); });
     return listing;
+}
+
+bool isTextPackage(std::string const& path) {
+    try {
+        std::ifstream file(path, std::ios::binary);
+        if (file.peek() == 'P' && file.get() != EOF && file.peek() == 'K')
+            return false; // a ZIP file, whose first line may be as long as the file
+        file.seekg(0);
+        TextPackageHelpers::findPackageBeginMarker(file, [](std::string const& /*headerLine*/) {});
+        return true;
+    } catch (opc::Exception const&) {
+        return false;
+    }
 }
 
 void requireEndLine(PackageListing const& listing, std::string const& path) {

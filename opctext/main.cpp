@@ -9,6 +9,7 @@
 
 #include <opctext/StandardOutput.hpp>
 #include <opctext/commands.hpp>
+#include <opctext/conversion.hpp>
 
 namespace opctext {
 
@@ -24,7 +25,8 @@ public:
             return std::string("opctext: ") + error.what() + "\nopctext: see opctext --help\n";
         });
         app.footer("Data go to standard output, words to standard error. Exit status: 0 fine; 1 a check found\n"
-                   "something; 2 wrong usage; 3 not a package, or malformed; 4 an input or output error.");
+                   "something; 2 wrong usage; 3 not a package, or malformed; 4 an input or output error; 5 a ZIP file\n"
+                   "over a limit; 6 a ZIP file with an unsafe name.");
         addList();
         addCat();
         addExtract();
@@ -34,6 +36,8 @@ public:
         addSet();
         addRemove();
         addHeader();
+        addPack();
+        addUnpack();
     }
 
     CLI::App app{"Reads and changes OPC packages (docx, xlsx, pptx, 3mf, ...) that are stored as one text file.",
@@ -133,6 +137,35 @@ private:
         });
     }
 
+    void addPack() {
+        auto& pack = *app.add_subcommand("pack", "Turn ZIP packages into text packages: FILE becomes FILE.txt");
+        addConversion(pack,
+                      "overwrite; and take a ZIP file without content types, or leave out [trash], with a warning");
+        auto& limits = conversion_.limits;
+        pack.add_option("--max-parts", limits.parts, "most members")->capture_default_str();
+        pack.add_option("--max-part-size", limits.partBytes, "most bytes in one")->capture_default_str();
+        pack.add_option("--max-size", limits.totalBytes, "most bytes in all")->capture_default_str();
+        pack.add_option("--max-ratio", limits.ratio, "of inflated to stored bytes, for members over 8 MiB")
+            ->capture_default_str();
+        pack.callback([this] { command = [this] { return packFiles(files_, conversion_); }; });
+    }
+
+    void addUnpack() {
+        auto& unpack =
+            *app.add_subcommand("unpack", "Turn text packages back into ZIP packages: FILE.txt becomes FILE");
+        addConversion(unpack, "overwrite files that exist");
+        unpack.callback([this] { command = [this] { return unpackFiles(files_, conversion_); }; });
+    }
+
+    void addConversion(CLI::App& subcommand, char const* forceDescription) {
+        subcommand.add_option("FILE", files_, "files, folders with -r, or - for standard input")->required();
+        subcommand.add_option("-o", conversion_.output, "the output, - for standard output");
+        subcommand.add_flag("-f,--force", conversion_.force, forceDescription);
+        subcommand.add_flag("-r", conversion_.recurse, "take the files in folders, and in the folders in them");
+        subcommand.add_option("-j", conversion_.jobs, "how many files at a time")->capture_default_str();
+        subcommand.add_flag("!--no-verify", conversion_.verify, "don't read the result back and compare");
+    }
+
     CLI::Option* addParts(CLI::App& subcommand) {
         return subcommand.add_option("PART", parts_,
                                      "names of parts, as list shows them; the case of letters doesn't matter");
@@ -157,6 +190,7 @@ private:
     std::string source_ = "-";
     std::string folder_ = ".";
     std::string headerText_;
+    ConversionOptions conversion_;
     bool namesOnly_ = false;
     bool json_ = false;
     bool light_ = false;

@@ -1,0 +1,150 @@
+#include <opctext/conversion.hpp>
+
+#include <map>
+
+#include <fmt/format.h>
+
+#include <opccore/StringConversion.hpp>
+#include <opctext/ConversionRun.hpp>
+#include <opctext/Fingerprint.hpp>
+#include <opctext/OpenPackage.hpp>
+#include <opctext/PackageCheck.hpp>
+#include <opctext/PackageFile.hpp>
+#include <opctext/PackageListing.hpp>
+#include <opctext/ZipReader.hpp>
+#include <opctext/ZipWriter.hpp>
+#include <opctext/memberNames.hpp>
+#include <opctext/partNames.hpp>
+#include <opctext/zipComment.hpp>
+
+namespace opctext {
+
+namespace {
+
+constexpr std::size_t LongestComment = 65535;
+constexpr std::string_view Ending = ".txt";
+
+std::string joinLines(std::vector<std::string> const& lines) {
+    std::string text;
+    for (auto const& line : lines)
+        text += (text.empty() ? "" : "\n") + line;
+    return text;
+}
+
+class Unpacker {
+public:
+    Unpacker(PackageFile const& input, ConversionOptions const& options)
+        : input_(input),
+          options_(options),
+          package_(input),
+          listing_(readListing(input)),
+          memory_(ZipMemory::fromHeader(joinLines(listing_.headerLines))) {}
+
+    void writeTo(std::string const& outputPath) {
+        requireNothingMissing();
+        chooseMembers();
+        input_.run([&] {
+            ZipWriter zip(outputPath);
+            if (memory_.comment.size() <= LongestComment)
+                zip.setComment(memory_.comment);
+            else
+                warn(input_.path() + ": the header is too long for the comment of a ZIP file and is left out");
+            for (auto const& member : members_)
+                zip.add(member.name, *member.part, member.size, member.isText);
+            zip.finish();
+        });
+        if (options_.verify)
+            verify(outputPath);
+    }
+
+private:
+    struct Member {
+        std::string name;
+        IPhysicalPart* part;
+        std::uint64_t size;
+        bool isText;
+    };
+
+    [[noreturn]] void fail(std::string const& partName, std::string const& reason,
+                           ExitStatus status = ExitStatus::NotAPackage) const {
+        throw Failure(status, fmt::format("{}: part {}: {}", input_.path(), printable(partName), reason));
+    }
+
+    /// Refuses a file of which a part would be missing in the ZIP file.
+    void requireNothingMissing() const {
+        for (auto const& finding : checkPackage(input_)) {
+            if (finding.isLostByEditing)
+                throw Failure(ExitStatus::NotAPackage, finding.asText(input_.path()));
+        }
+    }
+
+    void chooseMembers() {
+        std::map<std::string, std::string> seen; // part names by caseless member name
+        for (auto const& entry : listing_.parts) {
+            auto const name = chooseName(entry);
+            if (name.empty())
+                continue;
+            auto const unsafety = findUnsafety(name);
+            if (!unsafety.empty())
+                fail(entry.name, "as a member of a ZIP file " + unsafety, ExitStatus::UnsafeName);
+            auto const [other, isNew] = seen.emplace(caseless(name), entry.name);
+            if (!isNew)
+                fail(entry.name, "in a ZIP file it would have the same name as part " + printable(other->second));
+            Member member{name, package_.find(entry.name), entry.size, !entry.isBinary};
+            members_.insert(isContentTypes(entry) ? members_.begin() : members_.end(), member);
+        }
+    }
+
+    static bool isContentTypes(PartEntry const& entry) { return entry.name == "/[Content_Types].xml"; }
+
+    /// The member name of a part; empty for the content types part that a ZIP file had none of.
+    std::string chooseName(PartEntry const& entry) const {
+        if (!isContentTypes(entry))
+            return memberNameOf(entry.name);
+        bool const isMissing = memory_.contentTypesName.empty() && entry.size > 0; // somebody has written one since
+        return isMissing ? ZipMemory().contentTypesName : memory_.contentTypesName;
+    }
+
+    /// Reads the ZIP file back.
+    void verify(std::string const& outputPath) {
+        PackageFile const output(outputPath, input_.path());
+        ZipLimits limits;
+        limits.parts = limits.partBytes = limits.totalBytes = limits.ratio = UINT64_MAX; // it is our own
+        ZipReader zip(output, limits);
+        if (zip.members().size() != members_.size())
+            fail(members_.front().name, "the ZIP file has another number of members than the package has parts");
+        for (std::size_t i = 0; i < members_.size(); ++i) {
+            Fingerprint expected;
+            input_.run([&] { readContent(*members_[i].part, [&](std::string_view block) { expected.add(block); }); });
+            Fingerprint actual;
+            actual.add(zip.read(zip.members()[i]));
+            if (!(actual == expected) || zip.members()[i].name != members_[i].name)
+                fail(nameOf(*members_[i].part), "it does not come back as it was");
+        }
+    }
+
+    PackageFile const& input_;
+    ConversionOptions const& options_;
+    OpenPackage package_;
+    PackageListing listing_;
+    ZipMemory memory_;
+    std::vector<Member> members_;
+};
+
+std::string outputFor(std::string const& input) {
+    bool const hasEnding =
+        input.size() > Ending.size() && input.compare(input.size() - Ending.size(), Ending.size(), Ending) == 0;
+    return hasEnding ? input.substr(0, input.size() - Ending.size()) : std::string();
+}
+
+} // namespace
+
+ExitStatus unpackFiles(std::vector<std::string> const& inputs, ConversionOptions const& options) {
+    Direction direction{"unpacking", "unpacked", outputFor, isTextPackage,
+                        [&](std::string const& path, std::string const& shownPath, std::string const& outputPath) {
+                            Unpacker(PackageFile(path, shownPath), options).writeTo(outputPath);
+                        }};
+    return runConversion(inputs, options, direction);
+}
+
+} // namespace opctext

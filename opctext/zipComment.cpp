@@ -1,0 +1,55 @@
+#include <opctext/zipComment.hpp>
+
+#include <algorithm>
+
+#include <utf8.h>
+
+#include <textpackage/TextPackageHelpers.hpp>
+
+namespace opctext {
+
+namespace {
+
+std::string const OtherName = "opctext: in the ZIP file the content types part is called ";
+std::string const NoContentTypes = "opctext: in the ZIP file there is no content types part";
+
+/// The last line of a text, and where it begins.
+std::size_t lastLineOf(std::string const& text) {
+    return text.rfind('\n') + 1; // npos + 1 is the beginning
+}
+
+} // namespace
+
+std::string ZipMemory::toHeader() const {
+    std::string line;
+    if (contentTypesName.empty())
+        line = NoContentTypes;
+    else if (contentTypesName != ZipMemory().contentTypesName)
+        line = OtherName + contentTypesName;
+    return comment + (comment.empty() || line.empty() ? "" : "\n") + line;
+}
+
+ZipMemory ZipMemory::fromHeader(std::string const& header) {
+    ZipMemory memory;
+    memory.comment = header;
+    auto const begin = lastLineOf(header);
+    auto const line = header.substr(begin);
+    if (line == NoContentTypes)
+        memory.contentTypesName.clear();
+    else if (line.compare(0, OtherName.size(), OtherName) == 0)
+        memory.contentTypesName = line.substr(OtherName.size());
+    else
+        return memory;
+    memory.comment.erase(begin == 0 ? 0 : begin - 1);
+    return memory;
+}
+
+bool isFitForHeader(std::string const& comment) {
+    namespace Format = opc::textpackage::TextPackageHelpers;
+    auto const lineBreaks = std::count(comment.begin(), comment.end(), '\n');
+    return utf8::is_valid(comment.begin(), comment.end()) && comment.compare(0, 2, "PK") != 0 &&
+           comment.find(Format::getPackageBegin()) == std::string::npos && comment.find('\0') == std::string::npos &&
+           comment.compare(0, 1, "\n") != 0 && lineBreaks < Format::getMaximumHeaderLines();
+}
+
+} // namespace opctext
