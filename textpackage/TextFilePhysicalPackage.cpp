@@ -249,6 +249,8 @@ std::u16string TextFilePhysicalPackage::generateTempFolderName(std::u16string co
 }
 
 void TextFilePhysicalPackage::readParts(std::istream& stream) {
+    if (!stream.good())
+        return; // nothing can be read from it
     auto const begin = static_cast<std::uint64_t>(std::streamoff(stream.tellg()));
     std::string const text((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
     addStoredParts(text, begin);
