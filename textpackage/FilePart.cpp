@@ -21,10 +21,9 @@ namespace {
 constexpr std::size_t LongestNameKeptWhole = 250;
 constexpr std::size_t LongestPiece = 250;
 
-/// Where a part goes whose file would be, or lie below, the working copy. No part's own name leads to a component of
-/// this length.
-std::u16string sideFolder() {
-    return std::u16string(2 * LongestPiece, u'x');
+/// A folder for the file of a part that must not be where its name leads. No name leads to a component of this length.
+std::u16string sideFolder(std::size_t number) {
+    return std::u16string(2 * LongestPiece, u'x') + toString(std::to_string(number), true);
 }
 
 bool contains(std::u16string const& text, char16_t const* wanted) {
@@ -111,9 +110,11 @@ bool FilePart::isCached() const {
 std::u16string FilePart::getTempFullPath(bool modified) const {
     auto const root = modified ? package_.getModifiedPackageRoot() : package_.getExtractedPackageRoot();
     auto const& fileSystem = package_.getFSImpl();
+    if (retirement_ != 0 && (modified || !keepsExtractedFile_))
+        return fileSystem.appendPath(fileSystem.appendPath(root, sideFolder(retirement_)), name_);
     auto const path = fileSystem.appendPath(root, name_);
     if (!modified && package_.isWorkingCopy(path))
-        return fileSystem.appendPath(fileSystem.appendPath(root, sideFolder()), name_);
+        return fileSystem.appendPath(fileSystem.appendPath(root, sideFolder(0)), name_);
     return name_.size() > LongestNameKeptWhole ? withComponentsCut(path, root.size()) : path;
 }
 
@@ -160,6 +161,11 @@ void FilePart::close() {
     if (outputStream_)
         outputStream_->close();
     outputStream_.reset();
+}
+
+void FilePart::retire(std::size_t number) {
+    retirement_ = number;
+    keepsExtractedFile_ = isCached();
 }
 
 FilePart::~FilePart() {

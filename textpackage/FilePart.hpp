@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
@@ -91,6 +92,10 @@ public:
     /// Closes and destroys the streams on temporary files.
     void close();
 
+    /// Tells the part that it was deleted or that another took its name. What is written to it from now on goes to a
+    /// file that no other part has; `number`, not 0, tells retired parts apart.
+    void retire(std::size_t number);
+
     ~FilePart() override;
 
 private:
@@ -111,6 +116,8 @@ private:
     bool needFlush_;
     bool isModified_ = false;
     bool isBinary_;
+    std::size_t retirement_ = 0;      // its number; 0: not retired
+    bool keepsExtractedFile_ = false; // that it had when it was retired
 };
 
 } // namespace opc::textpackage

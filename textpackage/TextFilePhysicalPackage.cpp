@@ -217,7 +217,7 @@ void TextFilePhysicalPackage::deletePart(std::u16string const& name) {
     if (entry == storedParts_.end())
         throw Exception("Part does not exist");
 
-    auto& part = *retiredParts_.emplace_back(std::move(entry->second));
+    auto& part = retire(std::move(entry->second));
     storedParts_.erase(entry);
     part.close();
     if (!extractedPackageRoot_.empty()) {
@@ -281,6 +281,10 @@ std::unique_ptr<interfaces::IPhysicalOutputStream> TextFilePhysicalPackage::crea
     });
     if (modified)
         isModified_ = true;
+    if (modified && !retiredParts_.empty()) { // one of which may still write to a file of this name: let it keep that
+        boost::system::error_code ignored;
+        fileSystemOps_.remove(path, ignored);
+    }
     return std::make_unique<FileOutputStream>(fileSystemOps_, path);
 }
 
@@ -373,8 +377,14 @@ void TextFilePhysicalPackage::addStoredParts(std::string_view text, std::uint64_
 void TextFilePhysicalPackage::put(Parts& parts, std::unique_ptr<FilePart> part) {
     auto& entry = parts[part->getName()];
     if (entry)
-        retiredParts_.push_back(std::move(entry));
+        retire(std::move(entry));
     entry = std::move(part);
+}
+
+FilePart& TextFilePhysicalPackage::retire(std::unique_ptr<FilePart> part) {
+    retiredParts_.push_back(std::move(part));
+    retiredParts_.back()->retire(retiredParts_.size());
+    return *retiredParts_.back();
 }
 
 void TextFilePhysicalPackage::moveToChangedParts(std::u16string const& name) {
@@ -384,7 +394,7 @@ void TextFilePhysicalPackage::moveToChangedParts(std::u16string const& name) {
     if (changedParts_.count(name) == 0)
         put(changedParts_, std::move(entry->second));
     else
-        retiredParts_.push_back(std::move(entry->second)); // a part created under its name has taken its place
+        retire(std::move(entry->second)); // a part created under its name has taken its place
     storedParts_.erase(entry);
 }
 
