@@ -17,11 +17,25 @@ install(
   EXPORT textpackage
   NAMESPACE textpackage::
   DESTINATION "${package_dir}")
+# Headers that serve one library alone stay at home.
+set(internal_headers
+    FileDescriptor.hpp
+    FileStreams.hpp
+    NativePath.hpp
+    RandomName.hpp
+    StagedFile.hpp
+    SystemError.hpp
+    Base64Encoder.hpp
+    PartIndex.hpp
+    PartScanner.hpp
+    ScopeGuard.hpp)
+list(JOIN internal_headers "|" internal_headers)
 install(
   DIRECTORY "${PROJECT_SOURCE_DIR}/opccore" "${PROJECT_SOURCE_DIR}/textpackage"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
   FILES_MATCHING
-  PATTERN "*.hpp")
+  PATTERN "*.hpp"
+  REGEX "/(${internal_headers})$" EXCLUDE)
 
 configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/textpackage-config.cmake.in"
                               "${PROJECT_BINARY_DIR}/textpackage-config.cmake" INSTALL_DESTINATION "${package_dir}")
