@@ -1,6 +1,7 @@
 #include <opctext/zipComment.hpp>
 
 #include <algorithm>
+#include <string_view>
 
 #include <utf8.h>
 
@@ -10,8 +11,8 @@ namespace opctext {
 
 namespace {
 
-std::string const OtherName = "opctext: in the ZIP file the content types part is called ";
-std::string const NoContentTypes = "opctext: in the ZIP file there is no content types part";
+constexpr std::string_view OtherName = "opctext: in the ZIP file the content types part is called ";
+constexpr std::string_view NoContentTypes = "opctext: in the ZIP file there is no content types part";
 
 /// The last line of a text, and where it begins.
 std::size_t lastLineOf(std::string const& text) {
@@ -25,7 +26,7 @@ std::string ZipMemory::toHeader() const {
     if (contentTypesName.empty())
         line = NoContentTypes;
     else if (contentTypesName != ZipMemory().contentTypesName)
-        line = OtherName + contentTypesName;
+        line = std::string(OtherName) + contentTypesName;
     return comment + (comment.empty() || line.empty() ? "" : "\n") + line;
 }
 
