@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
-#include <iterator>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -18,10 +15,11 @@
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opccore/TempfileGuard.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageFile.hpp>
 #include <opctext/PackageListing.hpp>
 #include <opctext/ProgressBar.hpp>
-#include <opctext/StandardOutput.hpp>
+#include <opctext/StandardStreams.hpp>
 
 namespace opctext {
 
@@ -30,8 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char const* StandardStream = "-";
-
-std::mutex messagesMutex;
 
 /// A temporary file and its path in the system's form.
 class TemporaryFile {
@@ -47,10 +43,9 @@ private:
 
 void copyStandardInputTo(std::string const& path) {
     std::ofstream file(path, std::ios::binary);
-    if (std::cin.peek() != std::char_traits<char>::eof())
-        file << std::cin.rdbuf();
+    readInput([&](std::string_view block) { file.write(block.data(), static_cast<std::streamsize>(block.size())); });
     file.close();
-    if (!file || std::cin.bad())
+    if (!file)
         throw Failure(ExitStatus::InputOutput, "standard input could not be kept in a temporary file");
 }
 
@@ -80,7 +75,7 @@ public:
         auto const work = [&] {
             for (auto next = nextFile_++; next < files_.size(); next = nextFile_++) {
                 attempt(files_[next], progress);
-                std::lock_guard const lock(messagesMutex);
+                std::lock_guard const lock(mutex_);
                 progress.step();
             }
         };
@@ -93,7 +88,7 @@ public:
             thread.join();
         progress.hide();
         if (!isSingle_)
-            warn(fmt::format("{} {} of {} files", direction_.result, files_.size() - failures_, files_.size()));
+            tell(fmt::format("{} {} of {} files", direction_.result, files_.size() - failures_, files_.size()));
         return worst_;
     }
 
@@ -118,6 +113,8 @@ private:
     void attempt(std::string const& input, ProgressBar& progress) {
         try {
             convert(input);
+        } catch (ClosedPipe const& nobody) {
+            worst_ = nobody.status(); // there is one output at most, and so one thread
         } catch (Failure const& failure) {
             note(failure.what(), failure.status(), progress);
         } catch (opc::Exception const& failure) {
@@ -129,12 +126,12 @@ private:
 
     void note(std::string const& message, ExitStatus status, ProgressBar& progress) {
         {
-            std::lock_guard const lock(messagesMutex);
+            std::lock_guard const lock(mutex_);
             progress.hide();
             ++failures_;
             worst_ = std::max(worst_, status);
         }
-        warn(message);
+        tell(message);
     }
 
     void convert(std::string const& input) {
@@ -175,6 +172,7 @@ private:
     std::vector<std::string> files_;
     bool isSingle_ = false; // and then there is no summary
     std::atomic<std::size_t> nextFile_{0};
+    std::mutex mutex_; // for the progress bar and the two below
     std::size_t failures_ = 0;
     ExitStatus worst_ = ExitStatus::Fine;
 };
@@ -184,11 +182,6 @@ private:
 ExitStatus runConversion(std::vector<std::string> const& inputs, ConversionOptions const& options,
                          Direction const& direction) {
     return ConversionRun(inputs, options, direction).run();
-}
-
-void warn(std::string const& message) {
-    std::lock_guard const lock(messagesMutex);
-    std::fprintf(stderr, "opctext: %s\n", message.c_str());
 }
 
 } // namespace opctext

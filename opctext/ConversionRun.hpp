@@ -29,7 +29,4 @@ struct Direction {
 ExitStatus runConversion(std::vector<std::string> const& inputs, ConversionOptions const& options,
                          Direction const& direction);
 
-/// Prints a message on standard error; safe to call from several threads.
-void warn(std::string const& message);
-
 } // namespace opctext

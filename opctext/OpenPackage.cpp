@@ -7,6 +7,7 @@
 #include <opccore/StringConversion.hpp>
 #include <opccore/caselessCompare.hpp>
 #include <opctext/Failure.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageListing.hpp>
 #include <opctext/nearestNames.hpp>
 #include <textpackage/FilePart.hpp>
@@ -16,15 +17,9 @@ namespace opctext {
 using opc::interfaces::OpenMode;
 
 OpenPackage::OpenPackage(PackageFile const& file, OpenMode mode) : file_(file), package_(file.corePath()) {
-    file_.run([&] {
-        try {
-            package_.open(mode);
-        } catch (opc::Exception const& failure) {
-            if (!failure.code())
-                readListing(file_); // says the same, but knows the line
-            throw;
-        }
-    });
+    if (mode != OpenMode::Create)
+        file_.requireRegular();
+    runNamingLine(file_, [&] { package_.open(mode); });
 }
 
 std::vector<IPhysicalPart*> OpenPackage::parts() {
@@ -56,6 +51,16 @@ std::vector<IPhysicalPart*> OpenPackage::findAll(std::vector<std::string> const&
     return found;
 }
 
+void runNamingLine(PackageFile const& file, std::function<void()> const& action) {
+    try {
+        file.run(action);
+    } catch (Failure const& failure) {
+        if (failure.status() == ExitStatus::NotAPackage)
+            readListing(file); // fails in the same way, but knows the line
+        throw;
+    }
+}
+
 void readContent(IPhysicalPart& part, std::function<void(std::string_view)> const& onBlock) {
     std::string block(262144, '\0');
     auto& stream = *part.getInputStream();
@@ -77,7 +82,8 @@ void failForMissingPart(PackageFile const& file, std::string const& name) {
                           file.path() + ": there is no part " + printable(name) +
                               ": the package-end line is missing, and the file is cut off in part " +
                               printable(part.name));
-        names.push_back(part.name);
+        if (part.name != name) // else it stands there, but where a package drops it
+            names.push_back(part.name);
     }
     auto message = file.path() + ": there is no part " + printable(name);
     auto const nearest = nearestNames(name, names);

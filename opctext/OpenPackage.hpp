@@ -40,6 +40,9 @@ private:
     opc::textpackage::TextFilePhysicalPackage package_;
 };
 
+/// Runs an action of the library on a package file. Where the file is malformed, the `Failure` names the line.
+void runNamingLine(PackageFile const& file, std::function<void()> const& action);
+
 /// Hands the content of a part to a function, block by block.
 void readContent(IPhysicalPart& part, std::function<void(std::string_view)> const& onBlock);
 

@@ -8,6 +8,7 @@
 #include <utf8.h>
 
 #include <opccore/Base64.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageFile.hpp>
 #include <opctext/PackageListing.hpp>
 #include <opctext/contentForm.hpp>
@@ -280,7 +281,8 @@ private:
 
 std::string Finding::asText(std::string const& path) const {
     auto const place = line == 0 ? "" : fmt::format("{}:", line);
-    return fmt::format("{}:{} {}: {}", path, place, severity == Severity::Error ? "error" : "warning", message);
+    return fmt::format("{}:{} {}: {}", path, place, severity == Severity::Error ? "error" : "warning",
+                       printable(message));
 }
 
 std::vector<Finding> checkPackage(PackageFile const& file) {

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <opccore/CommitOptions.hpp>
-#include <opccore/Exception.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opctext/Failure.hpp>
 #include <opctext/OpenPackage.hpp>
@@ -45,7 +44,7 @@ private:
 void requireNothingLostByEditing(PackageFile const& file) {
     for (auto const& finding : checkPackage(file)) {
         if (finding.isLostByEditing)
-            throw Failure(ExitStatus::NotAPackage, finding.asText(file.path()) + "\nopctext: " + file.path() +
+            throw Failure(ExitStatus::NotAPackage, finding.asText(file.path()) + "\n" + file.path() +
                                                        ": not changed, since an edit would make this worse; see "
                                                        "opctext check");
     }
@@ -58,8 +57,8 @@ void changeAndCommit(PackageFile const& file, OpenMode mode, FileState const& be
     options.keepBackup = keepBackup == KeepBackup::Yes;
     options.beforeReplace = [&](std::u16string const& /*target*/) {
         if (!(FileState(file) == before))
-            throw opc::Exception("somebody else changed the file in the meantime; theirs is left, and your change is "
-                                 "not in it");
+            throw Failure(ExitStatus::InputOutput, file.path() + ": somebody else changed the file in the meantime; "
+                                                                 "theirs is left, and your change is not in it");
     };
     package->setCommitOptions(options);
     file.run([&] {
@@ -81,6 +80,8 @@ void createPackageFile(PackageFile const& file, bool mayOverwrite, KeepBackup ke
     FileState const before(file);
     if (before.exists() && !mayOverwrite)
         throw Failure(ExitStatus::InputOutput, file.path() + ": exists already; -f overwrites it");
+    if (before.exists())
+        file.requireRegular();
     changeAndCommit(file, OpenMode::Create, before, keepBackup, change);
 }
 

@@ -48,8 +48,18 @@ PackageFile::PackageFile(std::string const& path, std::string shownPath) : path_
     run([&] { corePath_ = opc::LocalFileSystemOps().normalizePath(opc::toString(path, true)); });
 }
 
-void PackageFile::run(std::function<void()> const& action) const {
-    translateFailures(action, [&] { return path_ + ": "; });
+void PackageFile::requireRegular() const {
+    run([&] {
+        opc::LocalFileSystemOps const fileSystem;
+        if (!fileSystem.exists(corePath_))
+            throw Failure(ExitStatus::InputOutput, path_ + ": there is no such file");
+        if (!fileSystem.isFile(corePath_))
+            throw Failure(ExitStatus::InputOutput, path_ + ": this is a folder or a device, not a file");
+    });
+}
+
+void PackageFile::run(std::function<void()> const& action, std::string const& partName) const {
+    translateFailures(action, [&] { return path_ + ": " + (partName.empty() ? "" : "part " + partName + ": "); });
 }
 
 void PackageFile::scan(std::function<void(std::istream&)> const& action) const {
@@ -58,15 +68,9 @@ void PackageFile::scan(std::function<void(std::istream&)> const& action) const {
 }
 
 std::shared_ptr<std::istream> PackageFile::openStream() const {
+    requireRegular();
     std::shared_ptr<std::istream> stream;
-    run([&] {
-        opc::LocalFileSystemOps const fileSystem;
-        if (!fileSystem.exists(corePath_))
-            throw Failure(ExitStatus::InputOutput, path_ + ": there is no such file");
-        if (!fileSystem.isFile(corePath_))
-            throw Failure(ExitStatus::InputOutput, path_ + ": this is a folder or a device, not a file");
-        stream = fileSystem.createInputStream(corePath_, ReadBinary);
-    });
+    run([&] { stream = opc::LocalFileSystemOps().createInputStream(corePath_, ReadBinary); });
     std::string beginning(4, '\0');
     stream->read(beginning.data(), 4);
     if (stream->gcount() == 0)

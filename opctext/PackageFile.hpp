@@ -22,9 +22,13 @@ public:
     /// The path in the form that the library takes.
     std::u16string const& corePath() const { return corePath_; }
 
+    /// Throws `Failure` where there is no regular file.
+    void requireRegular() const;
+
     /// Runs an action of the library on the file. What it throws comes out as `Failure`, its message beginning with
-    /// the path and its status telling a malformed package from a failing disk.
-    void run(std::function<void()> const& action) const;
+    /// the path and, where one is given, the name of a part, and its status telling a malformed package from a failing
+    /// disk.
+    void run(std::function<void()> const& action, std::string const& partName = {}) const;
 
     /// Opens the file and runs an action that scans its stream; messages then have the number of the line that the
     /// stream stood behind when the action failed.

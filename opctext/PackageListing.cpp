@@ -1,3 +1,4 @@
+#include <opctext/Messages.hpp>
 #include <opctext/PackageListing.hpp>
 
 #include <fstream>
@@ -113,18 +114,6 @@ void requireEndLine(PackageListing const& listing, std::string const& path) {
 
 char const* formOf(PartEntry const& part) {
     return part.isBinary ? "binary" : "text";
-}
-
-std::string printable(std::string const& text) {
-    std::string result;
-    for (char const c : text) {
-        auto const byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F)
-            result += fmt::format("\\x{:02X}", byte);
-        else
-            result += c;
-    }
-    return result;
 }
 
 } // namespace opctext

@@ -36,7 +36,4 @@ void requireEndLine(PackageListing const& listing, std::string const& path);
 /// How to call a part's form: "text" or "binary".
 char const* formOf(PartEntry const& part);
 
-/// A name or line for people: control characters, which could do something to a terminal, are shown as \xNN.
-std::string printable(std::string const& text);
-
 } // namespace opctext

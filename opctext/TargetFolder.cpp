@@ -15,6 +15,7 @@
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opctext/Failure.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageListing.hpp>
 
 namespace opctext {

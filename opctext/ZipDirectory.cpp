@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <opctext/Failure.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageListing.hpp>
 
 namespace opctext {
@@ -133,7 +134,10 @@ private:
             auto const header = readAt(entry.headerOffset, LocalHeaderBytes);
             if (header.size() != LocalHeaderBytes || !beginsWith(header, LocalHeader))
                 fail("member " + printable(entry.name) + ": its data are not where the directory says");
-            auto const begin = entry.headerOffset + LocalHeaderBytes + number(header, 26, 2) + number(header, 28, 2);
+            auto const nameSize = static_cast<std::size_t>(number(header, 26, 2));
+            if (readAt(entry.headerOffset + LocalHeaderBytes, nameSize) != entry.name)
+                fail("member " + printable(entry.name) + ": it has another name before its data");
+            auto const begin = entry.headerOffset + LocalHeaderBytes + nameSize + number(header, 28, 2);
             bool const isLast = i + 1 == entries.size();
             auto const limit = isLast ? directoryBegin_ : entries[i + 1].headerOffset;
             if (begin > limit || entry.compressedSize > limit - begin)

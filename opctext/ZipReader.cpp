@@ -8,8 +8,11 @@
 
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
+#include <opctext/Fingerprint.hpp>
+#include <opctext/Inflater.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageFile.hpp>
-#include <opctext/PackageListing.hpp>
+#include <opctext/memberNames.hpp>
 
 namespace opctext {
 
@@ -17,8 +20,9 @@ namespace {
 
 constexpr std::uint64_t RatioCountsFrom = std::uint64_t{8} << 20;
 
+/// Whether the entry only names a folder. Two bytes are what deflating nothing gives.
 bool isFolder(ZipEntry const& entry) {
-    return !entry.name.empty() && entry.name.back() == '/' && entry.size == 0;
+    return !entry.name.empty() && entry.name.back() == '/' && entry.size == 0 && entry.compressedSize <= 2;
 }
 
 struct MemberCloser {
@@ -51,7 +55,11 @@ ZipReader::ZipReader(PackageFile const& file, ZipLimits const& limits) : file_(f
         fail("its directory is ambiguous");
     for (auto const& entry : entries) {
         requireMember(entry);
-        if (!isFolder(entry))
+        auto const folder = isFolder(entry);
+        auto const unsafety = findUnsafety(folder ? entry.name.substr(0, entry.name.size() - 1) : entry.name);
+        if (!unsafety.empty())
+            fail("member " + printable(entry.name) + ": " + unsafety, ExitStatus::UnsafeName);
+        if (!folder)
             members_.push_back(entry);
     }
 }
@@ -64,21 +72,41 @@ std::string ZipReader::comment() const {
 
 std::string ZipReader::read(ZipEntry const& member) {
     auto const prefix = "member " + printable(member.name) + ": ";
-    std::unique_ptr<zip_file_t, MemberCloser> const stream(zip_fopen_index(archive_.get(), member.index, 0));
+    zip_stat_t status;
+    zip_stat_init(&status);
+    zip_stat_index(archive_.get(), member.index, 0, &status);
+    // Deflated data are inflated here: the ZIP library stops at their end without looking at what is left.
+    bool const isDeflated = status.comp_method == ZIP_CM_DEFLATE;
+    std::unique_ptr<zip_file_t, MemberCloser> const stream(
+        zip_fopen_index(archive_.get(), member.index, isDeflated ? ZIP_FL_COMPRESSED : 0));
     if (!stream)
         fail(prefix + zip_strerror(archive_.get()));
 
     // What is declared only limits what is taken in: the content grows as it comes.
     std::string content;
+    auto const append = [&](std::string_view bytes) {
+        content += bytes;
+        requireWithinLimits(member, content.size());
+    };
+    Inflater inflater;
     std::string block(65536, '\0');
     while (auto const count = zip_fread(stream.get(), block.data(), block.size())) {
         if (count < 0)
             fail(prefix + "its data are damaged: " + zip_file_strerror(stream.get()));
-        content.append(block, 0, static_cast<std::size_t>(count));
-        requireWithinLimits(member, content.size());
+        std::string_view const bytes(block.data(), static_cast<std::size_t>(count));
+        if (!isDeflated)
+            append(bytes);
+        else if (!inflater.take(bytes, append))
+            fail(prefix + "its data are damaged");
     }
+    Fingerprint fingerprint;
+    fingerprint.add(content);
+    if (isDeflated && !inflater.isComplete())
+        fail(prefix + "its data break off");
     if (content.size() != member.size)
         fail(fmt::format("{}it has {} bytes, not {} as declared", prefix, content.size(), member.size));
+    if (fingerprint.checksum != status.crc)
+        fail(prefix + "its checksum is wrong");
     totalBytes_ += content.size();
     return content;
 }
@@ -99,9 +127,9 @@ void ZipReader::requireMember(ZipEntry const& entry) const {
     auto const* const name = zip_get_name(archive_.get(), entry.index, ZIP_FL_ENC_RAW);
     if (name == nullptr || zip_stat_index(archive_.get(), entry.index, 0, &status) != 0)
         fail(prefix + zip_strerror(archive_.get()));
-    if (entry.name.find('\0') != std::string::npos)
-        fail(prefix + "its name holds a NUL", ExitStatus::UnsafeName);
-    if (name != entry.name || status.size != entry.size || status.comp_size != entry.compressedSize)
+    if (entry.name.find('\0') == std::string::npos && name != entry.name)
+        fail(prefix + "its entry in the directory is ambiguous");
+    if (status.size != entry.size || status.comp_size != entry.compressedSize)
         fail(prefix + "its entry in the directory is ambiguous");
     if (status.encryption_method != ZIP_EM_NONE)
         fail(prefix + "it is encrypted");

@@ -28,7 +28,7 @@ public:
     /// Lifetime: keeps a reference to the file.
     ZipReader(PackageFile const& file, ZipLimits const& limits);
 
-    /// The members but those that only name a folder, in the order of the directory.
+    /// The members but those that only name a folder, in the order of the directory. Their names are safe.
     std::vector<ZipEntry> const& members() const { return members_; }
 
     /// The comment on the whole file, its bytes as they are.

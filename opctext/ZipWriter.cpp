@@ -7,7 +7,6 @@
 #include <exception>
 #include <utility>
 
-#include <utf8.h>
 #include <zip.h>
 #include <zlib.h>
 
@@ -167,8 +166,10 @@ void ZipWriter::add(std::string const& memberName, opc::interfaces::IPhysicalPar
     auto* const source = zip_source_function(archive_, &Member::answer, members_.back().get());
     if (source == nullptr)
         fail();
-    bool const isUtf8 = utf8::is_valid(memberName.begin(), memberName.end());
-    auto const index = zip_file_add(archive_, memberName.c_str(), source, isUtf8 ? ZIP_FL_ENC_UTF_8 : ZIP_FL_ENC_CP437);
+    // The library refuses to call some names UTF-8, with control characters for example; their bytes are kept anyway.
+    auto index = zip_file_add(archive_, memberName.c_str(), source, ZIP_FL_ENC_UTF_8);
+    if (index < 0)
+        index = zip_file_add(archive_, memberName.c_str(), source, ZIP_FL_ENC_GUESS);
     if (index < 0) {
         zip_source_free(source);
         fail();

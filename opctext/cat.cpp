@@ -3,11 +3,10 @@
 #include <map>
 #include <memory>
 
-#include <opccore/Exception.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opccore/caselessCompare.hpp>
 #include <opctext/OpenPackage.hpp>
-#include <opctext/StandardOutput.hpp>
+#include <opctext/StandardStreams.hpp>
 #include <textpackage/MemoryPart.hpp>
 #include <textpackage/TextPackageHelpers.hpp>
 #include <textpackage/TextPackageLightweightReader.hpp>
@@ -52,7 +51,7 @@ private:
             reader_.addRequestedPart(entry.first);
         try {
             reader_.open(opc::interfaces::OpenMode::Read);
-        } catch (opc::Exception const&) {
+        } catch (std::exception const&) {
             return; // the other search will say what is wrong, and where, if it is more than the order
         }
         for (auto* const part : reader_.getParts())
@@ -99,7 +98,7 @@ private:
 void catExactly(PackageFile const& file, std::vector<std::string> const& names) {
     OpenPackage package(file);
     auto const parts = package.findAll(names);
-    file.run([&] {
+    runNamingLine(file, [&] {
         for (auto* const part : parts)
             readContent(*part, writeOutput);
     });
@@ -112,7 +111,7 @@ void catLightly(PackageFile const& file, std::vector<std::string> const& names) 
         if (search.get(name) == nullptr)
             failForMissingPart(file, name);
     }
-    file.run([&] {
+    runNamingLine(file, [&] {
         for (auto const& name : names)
             readContent(*search.get(name), writeOutput);
     });

@@ -1,14 +1,14 @@
 #include <opctext/commands.hpp>
 
 #include <algorithm>
-#include <cstdio>
 
 #include <nlohmann/json.hpp>
 
 #include <opctext/Failure.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/PackageCheck.hpp>
 #include <opctext/PackageFile.hpp>
-#include <opctext/StandardOutput.hpp>
+#include <opctext/StandardStreams.hpp>
 
 namespace opctext {
 
@@ -36,8 +36,10 @@ ExitStatus checkFiles(std::vector<std::string> const& paths, bool strict, bool j
                 if (strict || finding.severity == Severity::Error)
                     status = std::max(status, ExitStatus::CheckFoundSomething);
             }
+        } catch (ClosedPipe const&) {
+            throw;
         } catch (Failure const& failure) { // of one file: the others are still to be checked
-            std::fprintf(stderr, "opctext: %s\n", failure.what());
+            tell(failure.what());
             status = std::max(status, failure.status());
         }
     }

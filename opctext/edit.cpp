@@ -1,16 +1,16 @@
 #include <opctext/commands.hpp>
 
-#include <fstream>
-#include <iostream>
 #include <iterator>
 
+#include <opccore/Exception.hpp>
 #include <opccore/IPhysicalOutputStream.hpp>
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opctext/Failure.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/OpenPackage.hpp>
 #include <opctext/PackageListing.hpp>
-#include <opctext/StandardOutput.hpp>
+#include <opctext/StandardStreams.hpp>
 #include <opctext/contentForm.hpp>
 #include <opctext/partNames.hpp>
 #include <textpackage/FilePart.hpp>
@@ -30,9 +30,7 @@ char const* const NoContentTypes = "<?xml version=\"1.0\" encoding=\"UTF-8\" sta
 std::string readAll(std::string const& path) {
     std::string content;
     if (path == "-") {
-        content.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        if (std::cin.bad())
-            throw Failure(ExitStatus::InputOutput, "standard input: could not be read");
+        readInput([&](std::string_view block) { content += block; });
         return content;
     }
     PackageFile(path).run([&] {
@@ -119,7 +117,11 @@ void showHeader(std::string const& path) {
 
 void setHeader(std::string const& path, std::string const& header, KeepBackup keepBackup) {
     editPackage(PackageFile(path), keepBackup, [&](OpenPackage& package) {
-        package->setTextFileHeader(opc::toString(header, true));
+        try {
+            package->setTextFileHeader(opc::toString(header, true));
+        } catch (opc::Exception const& failure) {
+            refuse(path, failure.what());
+        }
         // A new header alone is no change that a commit is made for. The content types part, which every package has,
         // is written again as it is.
         std::string contentTypes;

@@ -1,10 +1,9 @@
 #include <opctext/commands.hpp>
 
-#include <cstdio>
-
 #include <fmt/format.h>
 
 #include <opctext/Failure.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/OpenPackage.hpp>
 #include <opctext/PackageListing.hpp>
 #include <opctext/ProgressBar.hpp>
@@ -17,7 +16,7 @@ namespace {
 void extractPart(PackageFile const& package, IPhysicalPart& part, TargetFolder const& folder, Overwrite overwrite) {
     package.run([&] {
         TargetFolder::File file(folder, nameOf(part), overwrite);
-        readContent(part, [&](std::string_view block) { file.write(block); });
+        package.run([&] { readContent(part, [&](std::string_view block) { file.write(block); }); }, nameOf(part));
         file.finish();
     });
 }
@@ -40,7 +39,7 @@ void extractParts(std::string const& path, std::vector<std::string> const& names
             } catch (Failure const& failure) { // of one part: the others may be fine
                 ++failures;
                 progress.hide();
-                std::fprintf(stderr, "opctext: %s\n", failure.what());
+                tell(failure.what());
             }
             progress.step();
         }

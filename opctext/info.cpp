@@ -2,9 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <opctext/Messages.hpp>
 #include <opctext/PackageFile.hpp>
 #include <opctext/PackageListing.hpp>
-#include <opctext/StandardOutput.hpp>
+#include <opctext/StandardStreams.hpp>
 
 namespace opctext {
 

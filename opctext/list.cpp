@@ -5,24 +5,27 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <opctext/Messages.hpp>
 #include <opctext/PackageFile.hpp>
 #include <opctext/PackageListing.hpp>
-#include <opctext/StandardOutput.hpp>
+#include <opctext/StandardStreams.hpp>
 
 namespace opctext {
 
 namespace {
 
-std::size_t countCodePoints(std::string const& text) {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+/// How many columns a text takes on a terminal, as the formatting library counts: it fills up to a width in columns
+/// with one byte for each that is missing.
+std::size_t countColumns(std::string const& text) {
+    auto const width = text.size(); // never less than the columns
+    return 2 * width - fmt::format("{:<{}}", text, width).size();
 }
 
 std::string asTable(std::vector<PartEntry> const& parts) {
     std::size_t nameWidth = 0;
     std::size_t sizeWidth = 0;
     for (auto const& part : parts) {
-        nameWidth = std::max(nameWidth, countCodePoints(printable(part.name)));
+        nameWidth = std::max(nameWidth, countColumns(printable(part.name)));
         sizeWidth = std::max(sizeWidth, std::to_string(part.size).size());
     }
     constexpr std::size_t WidestName = 80; // one long name must not push all sizes out of sight

@@ -1,13 +1,16 @@
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
-#include <opctext/StandardOutput.hpp>
+#include <opctext/Messages.hpp>
+#include <opctext/StandardStreams.hpp>
 #include <opctext/commands.hpp>
 #include <opctext/conversion.hpp>
 
@@ -40,11 +43,31 @@ public:
         addUnpack();
     }
 
+    /// Parses the arguments. Throws what the parser throws.
+    void parse(int argc, char** argv) {
+        // The parser splits a value in brackets into several. Behind a mark it stays one; the mark goes again below.
+        std::vector<std::string> arguments;
+        for (int i = argc - 1; i > 0; --i) // the parser takes them from the back
+            arguments.push_back((argv[i][0] == '[' ? BracketMark : "") + std::string(argv[i]));
+        app.parse(arguments);
+        for (auto* const value : {&file_, &part_, &source_, &folder_, &headerText_, &conversion_.output})
+            removeMark(*value);
+        for (auto* const values : {&files_, &parts_})
+            std::for_each(values->begin(), values->end(), removeMark);
+    }
+
     CLI::App app{"Reads and changes OPC packages (docx, xlsx, pptx, 3mf, ...) that are stored as one text file.",
                  "opctext"};
     std::function<ExitStatus()> command;
 
 private:
+    static constexpr char const* BracketMark = "\x01";
+
+    static void removeMark(std::string& value) {
+        if (value.compare(0, 2, std::string(BracketMark) + '[') == 0)
+            value.erase(0, 1);
+    }
+
     CLI::App& add(char const* name, char const* description) {
         auto& subcommand = *app.add_subcommand(name, description);
         subcommand.add_option("FILE", file_, "a package in text form")->required();
@@ -202,8 +225,11 @@ private:
     bool backup_ = false;
 };
 
-ExitStatus report(std::string const& message, ExitStatus status) {
-    std::fprintf(stderr, "opctext: %s\n", message.c_str());
+/// What went wrong, a line a message.
+ExitStatus report(std::string const& messages, ExitStatus status) {
+    std::istringstream lines(messages);
+    for (std::string line; std::getline(lines, line);)
+        tell(line);
     return status;
 }
 
@@ -212,6 +238,8 @@ ExitStatus run(std::function<ExitStatus()> const& command) {
         auto const status = command();
         finishOutput();
         return status;
+    } catch (ClosedPipe const& nobody) {
+        return nobody.status();
     } catch (Failure const& failure) {
         std::fflush(stdout);
         return report(failure.what(), failure.status());
@@ -220,22 +248,34 @@ ExitStatus run(std::function<ExitStatus()> const& command) {
     }
 }
 
+/// Ends the program where the command line asked for help, or was wrong.
+ExitStatus endParsing(CommandLine& commandLine, CLI::ParseError const& outcome) {
+    auto const extras = commandLine.app.remaining();
+    if (commandLine.app.get_subcommands().empty() && !extras.empty())
+        return report("there is no command " + extras.front() + "; see opctext --help", ExitStatus::WrongUsage);
+    std::ostringstream help;
+    if (commandLine.app.exit(outcome, help) != 0)
+        return ExitStatus::WrongUsage;
+    return run([&] {
+        writeOutput(help.str());
+        return ExitStatus::Fine;
+    });
+}
+
 } // namespace
 
 } // namespace opctext
 
 int main(int argc, char** argv) {
-    // Whoever reads our output may stop at any time, which is no error to speak of; whoever limits the size of files
-    // gets a message.
-    std::signal(SIGPIPE, SIG_DFL);
+    // Both come back as errors of a write: neither may end the program before it has cleaned up.
+    std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
 
     opctext::CommandLine commandLine;
     try {
-        commandLine.app.parse(argc, argv);
+        commandLine.parse(argc, argv);
     } catch (CLI::ParseError const& outcome) {
-        bool const asked = commandLine.app.exit(outcome) == 0; // --help or --version
-        return static_cast<int>(asked ? opctext::ExitStatus::Fine : opctext::ExitStatus::WrongUsage);
+        return static_cast<int>(opctext::endParsing(commandLine, outcome));
     }
     return static_cast<int>(opctext::run(commandLine.command));
 }

@@ -61,6 +61,17 @@ std::string memberNameOf(std::string const& partName) {
     return name;
 }
 
+std::pair<std::string, std::string> findFolderConflict(NamesByCaseless const& names) {
+    for (auto const& [name, shown] : names) {
+        for (auto slash = name.find('/', 1); slash != std::string::npos; slash = name.find('/', slash + 1)) {
+            auto const folder = names.find(name.substr(0, slash));
+            if (folder != names.end())
+                return {folder->second, shown};
+        }
+    }
+    return {};
+}
+
 std::string findUnsafety(std::string const& memberName) {
     if (memberName.find('\0') != std::string::npos)
         return "its name holds a NUL";

@@ -1,7 +1,6 @@
 #include <opctext/conversion.hpp>
 
 #include <fstream>
-#include <map>
 #include <unordered_map>
 
 #include <fmt/format.h>
@@ -11,6 +10,7 @@
 #include <opccore/StringConversion.hpp>
 #include <opctext/ConversionRun.hpp>
 #include <opctext/Fingerprint.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/OpenPackage.hpp>
 #include <opctext/PackageFile.hpp>
 #include <opctext/PackageListing.hpp>
@@ -45,7 +45,7 @@ public:
             output.run([&] {
                 package->setTextFileHeader(opc::toString(memory_.toHeader(), true));
                 for (auto const& member : members_)
-                    addPart(package, member);
+                    addPartOrFail(package, member);
                 package->close(false);
             });
         }
@@ -60,6 +60,7 @@ private:
     };
 
     static PackageFile const& refusingTextPackage(PackageFile const& file) {
+        file.requireRegular();
         if (isTextPackage(opc::detail::makeNativePath(file.corePath())))
             throw Failure(ExitStatus::NotAPackage, file.path() + ": this is a package in text form already");
         return file;
@@ -73,9 +74,6 @@ private:
     void chooseMembers() {
         memory_.contentTypesName.clear();
         for (auto const& entry : zip_.members()) {
-            auto const unsafety = findUnsafety(entry.name);
-            if (!unsafety.empty())
-                fail(entry, unsafety, ExitStatus::UnsafeName);
             if (isTrash(entry))
                 continue;
             members_.push_back({entry, partNameOf(entry.name)});
@@ -84,6 +82,8 @@ private:
             if (!fault.empty())
                 fail(entry, fault);
         }
+        if (members_.empty())
+            throw Failure(ExitStatus::NotAPackage, input_.path() + ": there is no member in it");
         requireDistinctNames();
         if (memory_.contentTypesName.empty())
             takeWithoutContentTypes();
@@ -91,11 +91,11 @@ private:
     }
 
     bool isTrash(ZipEntry const& entry) const {
-        if (caseless(entry.name).compare(0, 7, "[trash]") != 0)
+        if (entry.name.compare(0, 7, "[trash]") != 0)
             return false;
         if (!options_.force)
             fail(entry, "a package drops parts whose names begin with \"/[trash]\"; --force leaves it out");
-        warn(fmt::format("{}: member {} is left out", input_.path(), printable(entry.name)));
+        tell(fmt::format("{}: member {} is left out", input_.path(), printable(entry.name)));
         return true;
     }
 
@@ -107,19 +107,16 @@ private:
     }
 
     void requireDistinctNames() const {
-        std::map<std::string, Member const*> seen; // by caseless part name
+        NamesByCaseless seen;
         for (auto const& member : members_) {
-            auto const [other, isNew] = seen.emplace(caseless(member.partName), &member);
+            auto const [other, isNew] = seen.emplace(caseless(member.partName), member.entry.name);
             if (!isNew)
-                fail(member.entry, "there is another of this name, " + printable(other->second->entry.name));
+                fail(member.entry, "there is another of this name, " + printable(other->second));
         }
-        for (auto const& [name, member] : seen) {
-            for (auto slash = name.find('/', 1); slash != std::string::npos; slash = name.find('/', slash + 1)) {
-                auto const folder = seen.find(name.substr(0, slash));
-                if (folder != seen.end())
-                    fail(member->entry, "its folder is a member as well, " + printable(folder->second->entry.name));
-            }
-        }
+        auto const [folder, name] = findFolderConflict(seen);
+        if (!name.empty())
+            throw Failure(ExitStatus::NotAPackage, fmt::format("{}: member {}: its folder is a member as well, {}",
+                                                               input_.path(), printable(name), printable(folder)));
     }
 
     void takeWithoutContentTypes() const {
@@ -127,15 +124,24 @@ private:
             input_.path() + ": there is no member " + ContentTypesName + ", so this is no package";
         if (!options_.force)
             throw Failure(ExitStatus::NotAPackage, reason + "; --force takes it all the same");
-        warn(reason);
+        tell(reason);
     }
 
     void takeComment() {
-        auto const comment = zip_.comment();
-        if (isFitForHeader(comment))
-            memory_.comment = comment;
+        auto withComment = memory_;
+        withComment.comment = zip_.comment();
+        if (isFitForHeader(withComment.toHeader()))
+            memory_ = withComment;
         else
-            warn(input_.path() + ": the comment of the ZIP file can't be a header and is left out");
+            tell(input_.path() + ": the comment of the ZIP file can't be a header and is left out");
+    }
+
+    void addPartOrFail(OpenPackage& package, Member const& member) {
+        try {
+            addPart(package, member);
+        } catch (opc::Exception const& failure) {
+            fail(member.entry, failure.what(), ExitStatus::InputOutput);
+        }
     }
 
     void addPart(OpenPackage& package, Member const& member) {
@@ -166,12 +172,16 @@ private:
                 auto const expected = fingerprints_.find(nameOf(*part));
                 bool const isAddedByUs = expected == fingerprints_.end() && memory_.contentTypesName.empty();
                 if (!isAddedByUs && (expected == fingerprints_.end() || !(fingerprint == expected->second)))
-                    throw opc::Exception("part " + printable(nameOf(*part)) + " does not come back as it was");
+                    failToVerify("part " + printable(nameOf(*part)) + " does not come back as it was");
                 found += isAddedByUs ? 0 : 1;
             }
             if (found != fingerprints_.size())
-                throw opc::Exception("a part does not come back at all");
+                failToVerify("a part does not come back at all");
         });
+    }
+
+    [[noreturn]] void failToVerify(std::string const& reason) const {
+        throw Failure(ExitStatus::InputOutput, input_.path() + ": " + reason);
     }
 
     PackageFile const& input_;

@@ -1,12 +1,11 @@
 #include <opctext/conversion.hpp>
 
-#include <map>
-
 #include <fmt/format.h>
 
 #include <opccore/StringConversion.hpp>
 #include <opctext/ConversionRun.hpp>
 #include <opctext/Fingerprint.hpp>
+#include <opctext/Messages.hpp>
 #include <opctext/OpenPackage.hpp>
 #include <opctext/PackageCheck.hpp>
 #include <opctext/PackageFile.hpp>
@@ -27,8 +26,8 @@ constexpr std::string_view Ending = ".txt";
 std::string joinLines(std::vector<std::string> const& lines) {
     std::string text;
     for (auto const& line : lines)
-        text += (text.empty() ? "" : "\n") + line;
-    return text;
+        text += line + '\n';
+    return text.substr(0, text.empty() ? 0 : text.size() - 1);
 }
 
 class Unpacker {
@@ -48,7 +47,7 @@ public:
             if (memory_.comment.size() <= LongestComment)
                 zip.setComment(memory_.comment);
             else
-                warn(input_.path() + ": the header is too long for the comment of a ZIP file and is left out");
+                tell(input_.path() + ": the header is too long for the comment of a ZIP file and is left out");
             for (auto const& member : members_)
                 zip.add(member.name, *member.part, member.size, member.isText);
             zip.finish();
@@ -79,7 +78,7 @@ private:
     }
 
     void chooseMembers() {
-        std::map<std::string, std::string> seen; // part names by caseless member name
+        NamesByCaseless seen; // the names of the parts
         for (auto const& entry : listing_.parts) {
             auto const name = chooseName(entry);
             if (name.empty())
@@ -90,9 +89,16 @@ private:
             auto const [other, isNew] = seen.emplace(caseless(name), entry.name);
             if (!isNew)
                 fail(entry.name, "in a ZIP file it would have the same name as part " + printable(other->second));
+            if (!isContentTypes(entry) && partNameOf(name) != entry.name)
+                fail(entry.name, "packing the ZIP file would call it " + printable(partNameOf(name)) +
+                                     "; \"%\" is written as %25 in the name of a part");
             Member member{name, package_.find(entry.name), entry.size, !entry.isBinary};
             members_.insert(isContentTypes(entry) ? members_.begin() : members_.end(), member);
         }
+        auto const [folder, partName] = findFolderConflict(seen);
+        if (!partName.empty())
+            fail(partName,
+                 "in a ZIP file it would lie in a folder that is a member itself, of part " + printable(folder));
     }
 
     static bool isContentTypes(PartEntry const& entry) { return entry.name == "/[Content_Types].xml"; }
@@ -112,14 +118,14 @@ private:
         limits.parts = limits.partBytes = limits.totalBytes = limits.ratio = UINT64_MAX; // it is our own
         ZipReader zip(output, limits);
         if (zip.members().size() != members_.size())
-            fail(members_.front().name, "the ZIP file has another number of members than the package has parts");
+            fail(members_.front().name, "it does not come back, or more than it does", ExitStatus::InputOutput);
         for (std::size_t i = 0; i < members_.size(); ++i) {
             Fingerprint expected;
             input_.run([&] { readContent(*members_[i].part, [&](std::string_view block) { expected.add(block); }); });
             Fingerprint actual;
             actual.add(zip.read(zip.members()[i]));
             if (!(actual == expected) || zip.members()[i].name != members_[i].name)
-                fail(nameOf(*members_[i].part), "it does not come back as it was");
+                fail(nameOf(*members_[i].part), "it does not come back as it was", ExitStatus::InputOutput);
         }
     }
 

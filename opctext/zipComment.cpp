@@ -14,9 +14,13 @@ namespace {
 constexpr std::string_view OtherName = "opctext: in the ZIP file the content types part is called ";
 constexpr std::string_view NoContentTypes = "opctext: in the ZIP file there is no content types part";
 
-/// The last line of a text, and where it begins.
+/// Where the last line of a text begins.
 std::size_t lastLineOf(std::string const& text) {
     return text.rfind('\n') + 1; // npos + 1 is the beginning
+}
+
+bool isOurs(std::string_view line) {
+    return line == NoContentTypes || line.substr(0, OtherName.size()) == OtherName;
 }
 
 } // namespace
@@ -25,7 +29,7 @@ std::string ZipMemory::toHeader() const {
     std::string line;
     if (contentTypesName.empty())
         line = NoContentTypes;
-    else if (contentTypesName != ZipMemory().contentTypesName)
+    else if (contentTypesName != ZipMemory().contentTypesName || isOurs(comment.substr(lastLineOf(comment))))
         line = std::string(OtherName) + contentTypesName;
     return comment + (comment.empty() || line.empty() ? "" : "\n") + line;
 }
@@ -45,12 +49,12 @@ ZipMemory ZipMemory::fromHeader(std::string const& header) {
     return memory;
 }
 
-bool isFitForHeader(std::string const& comment) {
+bool isFitForHeader(std::string const& header) {
     namespace Format = opc::textpackage::TextPackageHelpers;
-    auto const lineBreaks = std::count(comment.begin(), comment.end(), '\n');
-    return utf8::is_valid(comment.begin(), comment.end()) && comment.compare(0, 2, "PK") != 0 &&
-           comment.find(Format::getPackageBegin()) == std::string::npos && comment.find('\0') == std::string::npos &&
-           comment.compare(0, 1, "\n") != 0 && lineBreaks < Format::getMaximumHeaderLines();
+    auto const lineBreaks = std::count(header.begin(), header.end(), '\n');
+    return utf8::is_valid(header.begin(), header.end()) && header.compare(0, 2, "PK") != 0 &&
+           header.find(Format::getPackageBegin()) == std::string::npos && header.find('\0') == std::string::npos &&
+           lineBreaks <= Format::getMaximumHeaderLines();
 }
 
 } // namespace opctext

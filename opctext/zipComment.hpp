@@ -17,7 +17,7 @@ struct ZipMemory {
     static ZipMemory fromHeader(std::string const& header);
 };
 
-/// Whether the comment of a ZIP file can be kept as a header text.
-bool isFitForHeader(std::string const& comment);
+/// Whether a text can be the header of a package.
+bool isFitForHeader(std::string const& header);
 
 } // namespace opctext
