@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # Packs and unpacks the documents of the corpus and shows that LibreOffice makes as many pages of the results as of the
-# originals. Not part of the test runs: it takes minutes, and installs LibreOffice where it is missing.
-#
-# usage: OPCTEXT=path/to/opctext tests/compareInLibreOffice.sh
+# originals. `./run office` calls it with all that it needs installed and built.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-opctext=$(realpath "${OPCTEXT:-build/release/opctext/opctext}")
+opctext=$(realpath build/release/opctext/opctext)
 corpus=$(realpath tests/data/corpus)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -17,22 +15,6 @@ is_unreadable() {
     docx-content-types-case.docx | docx-non-ascii-names.docx) return 0 ;;
     *) return 1 ;;
     esac
-}
-
-install_missing() {
-    local missing=()
-    local package
-    for package in "$@"; do
-        if [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
-            missing+=("$package")
-        fi
-    done
-    [ ${#missing[@]} -eq 0 ] && return
-    local as_root=()
-    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-    echo "installing ${missing[*]}" >&2
-    "${as_root[@]}" apt-get update -qq
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
 # count_pages DOCUMENT FOLDER: prints the number of pages of the PDF that LibreOffice makes of it, or "no PDF"
@@ -50,12 +32,6 @@ count_pages() {
         echo "no PDF"
     fi
 }
-
-if [ ! -x "$opctext" ]; then
-    echo "there is no program $opctext; build it, or set OPCTEXT" >&2
-    exit 2
-fi
-install_missing libreoffice-writer-nogui libreoffice-calc-nogui libreoffice-impress-nogui poppler-utils
 
 failures=0
 unreadable=0
