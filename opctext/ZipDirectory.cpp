@@ -69,13 +69,24 @@ private:
         return bytes;
     }
 
+    /// Where the last end record stands whose comment ends as the condition says; npos where there is none.
+    template <class Condition>
+    static std::size_t findEndRecord(std::string const& tail, Condition isFit) {
+        for (auto at = tail.rfind(EndRecord); at != std::string::npos;
+             at = at == 0 ? std::string::npos : tail.rfind(EndRecord, at - 1)) {
+            if (isFit(at + EndRecordBytes + number(tail, at + 20, 2), tail.size()))
+                return at;
+        }
+        return std::string::npos;
+    }
+
     void findDirectory() {
         auto const tailSize =
             static_cast<std::size_t>(std::min<std::uint64_t>(fileSize_, EndRecordBytes + LongestComment));
         auto const tail = readAt(fileSize_ - tailSize, tailSize);
-        auto at = tail.rfind(EndRecord);
-        while (at != std::string::npos && at + EndRecordBytes + number(tail, at + 20, 2) != tail.size())
-            at = at == 0 ? std::string::npos : tail.rfind(EndRecord, at - 1);
+        auto at = findEndRecord(tail, [](std::size_t commentEnd, std::size_t end) { return commentEnd == end; });
+        if (at == std::string::npos) // some programs leave bytes behind the comment
+            at = findEndRecord(tail, [](std::size_t commentEnd, std::size_t end) { return commentEnd < end; });
         if (at == std::string::npos)
             fail(beginsWith(readAt(0, 4), LocalHeader) ? "the ZIP file is cut off: its directory is missing"
                                                        : "this is not a ZIP file");

@@ -305,9 +305,13 @@ TEST_F(OpctextPack, MakesTheSameOfEveryWayToWriteTheSameMembers) {
     ZipLayout gaping;
     gaping.gap = std::string(100, 'x');
     std::vector<std::string> const zips{
-        zipBytes(withContentTypes(members)),         libraryZipBytes(withContentTypes(members)),
-        zipBytes(withContentTypes(described)),       zipBytes(withContentTypes(members), wide),
-        zipBytes(withContentTypes(members), gaping), zipBytes(withContentTypes(members), prefixed),
+        zipBytes(withContentTypes(members)),
+        libraryZipBytes(withContentTypes(members)),
+        zipBytes(withContentTypes(described)),
+        zipBytes(withContentTypes(members), wide),
+        zipBytes(withContentTypes(members), gaping),
+        zipBytes(withContentTypes(members), prefixed),
+        zipBytes(withContentTypes(members)) + std::string(100, '\0'),
     };
 
     for (std::size_t i = 0; i < zips.size(); ++i) {
