@@ -85,8 +85,11 @@ private:
             static_cast<std::size_t>(std::min<std::uint64_t>(fileSize_, EndRecordBytes + LongestComment));
         auto const tail = readAt(fileSize_ - tailSize, tailSize);
         auto at = findEndRecord(tail, [](std::size_t commentEnd, std::size_t end) { return commentEnd == end; });
-        if (at == std::string::npos) // some programs leave bytes behind the comment
+        if (at == std::string::npos) { // some programs leave bytes behind the comment
             at = findEndRecord(tail, [](std::size_t commentEnd, std::size_t end) { return commentEnd < end; });
+            if (at != std::string::npos)
+                tell(path_ + ": there are bytes behind the end of the ZIP file, which are left out");
+        }
         if (at == std::string::npos)
             fail(beginsWith(readAt(0, 4), LocalHeader) ? "the ZIP file is cut off: its directory is missing"
                                                        : "this is not a ZIP file");
