@@ -1,5 +1,7 @@
 #include <opctext/conversion.hpp>
 
+#include <unordered_map>
+
 #include <fmt/format.h>
 
 #include <opccore/StringConversion.hpp>
@@ -78,6 +80,9 @@ private:
     }
 
     void chooseMembers() {
+        std::unordered_map<std::string, IPhysicalPart*> parts;
+        for (auto* const part : package_.parts())
+            parts[nameOf(*part)] = part;
         NamesByCaseless seen; // the names of the parts
         for (auto const& entry : listing_.parts) {
             auto const name = chooseName(entry);
@@ -92,7 +97,7 @@ private:
             if (!isContentTypes(entry) && partNameOf(name) != entry.name)
                 fail(entry.name, "packing the ZIP file would call it " + printable(partNameOf(name)) +
                                      "; \"%\" is written as %25 in the name of a part");
-            Member member{name, package_.find(entry.name), entry.size, !entry.isBinary};
+            Member member{name, parts.at(entry.name), entry.size, !entry.isBinary};
             members_.insert(isContentTypes(entry) ? members_.begin() : members_.end(), member);
         }
         auto const [folder, partName] = findFolderConflict(seen);
