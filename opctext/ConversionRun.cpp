@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 
 #include <opccore/CommitOptions.hpp>
-#include <opccore/Exception.hpp>
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opccore/TempfileGuard.hpp>
@@ -117,8 +116,6 @@ private:
             worst_ = nobody.status(); // there is one output at most, and so one thread
         } catch (Failure const& failure) {
             note(failure.what(), failure.status(), progress);
-        } catch (opc::Exception const& failure) {
-            note(input + ": " + failure.what(), ExitStatus::InputOutput, progress);
         } catch (std::exception const& failure) {
             note(input + ": " + failure.what(), ExitStatus::InputOutput, progress);
         }

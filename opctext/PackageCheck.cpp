@@ -23,8 +23,6 @@ namespace Format = opc::textpackage::TextPackageHelpers;
 
 constexpr std::size_t MostHeaderLines = 21;
 constexpr std::size_t Base64LineLength = 76;
-constexpr std::string_view MarkerBeginning = "__ZKOPC_PA";
-char const* const ContentTypesName = "/[Content_Types].xml";
 
 bool beginsWith(std::string_view line, std::string_view beginning) {
     return line.substr(0, beginning.size()) == beginning;
@@ -190,7 +188,7 @@ private:
     }
 
     void takeTextLine(std::string_view line) {
-        if (beginsWith(line, MarkerBeginning))
+        if (beginsWith(line, ForbiddenText))
             warning("this line begins like a marker line, but is none");
         if (!part_.isReported && !utf8::is_valid(line.begin(), line.end()))
             reportContent(Severity::Warning, "the text of part " + printable(part_.name) + " is not in UTF-8");

@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <istream>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -90,12 +91,17 @@ PackageListing readListing(PackageFile const& file) {
     return listing;
 }
 
+bool isZipFile(std::string const& path) {
+    std::ifstream file(path, std::ios::binary);
+    char beginning[4] = {};
+    return file.read(beginning, sizeof beginning) && std::string_view(beginning, 4) == "PK\x03\x04";
+}
+
 bool isTextPackage(std::string const& path) {
+    if (isZipFile(path))
+        return false; // its first line may be as long as the file
     try {
         std::ifstream file(path, std::ios::binary);
-        if (file.peek() == 'P' && file.get() != EOF && file.peek() == 'K')
-            return false; // a ZIP file, whose first line may be as long as the file
-        file.seekg(0);
         TextPackageHelpers::findPackageBeginMarker(file, [](std::string const& /*headerLine*/) {});
         return true;
     } catch (opc::Exception const&) {

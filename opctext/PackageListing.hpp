@@ -27,6 +27,9 @@ struct PackageListing {
 /// Scans the whole file. Throws `Failure` for a file that can't be read or is no package.
 PackageListing readListing(PackageFile const& file);
 
+/// Whether a file begins as a ZIP file with a member does.
+bool isZipFile(std::string const& path);
+
 /// Whether a file begins as a package in text form does.
 bool isTextPackage(std::string const& path);
 

@@ -8,8 +8,6 @@ namespace opctext {
 
 namespace {
 
-constexpr std::string_view ForbiddenText = "__ZKOPC_PA";
-
 bool isControl(char32_t character) {
     bool const isAllowed = character == '\t' || character == '\n' || character == '\r';
     return !isAllowed && (character < 0x20 || (character >= 0x7F && character < 0xA0));

@@ -5,6 +5,9 @@
 
 namespace opctext {
 
+/// What no content may hold: the text that the part-begin and the package-end markers have in common.
+inline constexpr std::string_view ForbiddenText = "__ZKOPC_PA";
+
 /// Whether bytes are fit to be stored as the text of a part: well-formed UTF-8 without control characters other than
 /// TAB, LF and CR, that doesn't end in CR and holds nothing that looks like a marker line.
 bool isFitForText(std::string_view bytes);

@@ -22,7 +22,6 @@ namespace {
 
 using opc::textpackage::FilePartInfo;
 
-char const* const ContentTypesName = "/[Content_Types].xml";
 char const* const NoContentTypes = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
                                    "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\"/>\n";
 

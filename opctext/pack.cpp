@@ -1,6 +1,5 @@
 #include <opctext/conversion.hpp>
 
-#include <fstream>
 #include <unordered_map>
 
 #include <fmt/format.h>
@@ -27,8 +26,6 @@ namespace {
 
 using opc::interfaces::OpenMode;
 using opc::textpackage::FilePartInfo;
-
-constexpr char const* ContentTypesName = "[Content_Types].xml";
 
 class Packer {
 public:
@@ -100,10 +97,10 @@ private:
     }
 
     void noteContentTypes(Member& member) {
-        if (caseless(member.entry.name) != caseless(ContentTypesName))
+        if (caseless('/' + member.entry.name) != caseless(ContentTypesName))
             return;
         memory_.contentTypesName = member.entry.name;
-        member.partName = std::string("/") + ContentTypesName;
+        member.partName = ContentTypesName;
     }
 
     void requireDistinctNames() const {
@@ -121,7 +118,7 @@ private:
 
     void takeWithoutContentTypes() const {
         std::string const reason =
-            input_.path() + ": there is no member " + ContentTypesName + ", so this is no package";
+            input_.path() + ": there is no member " + ZipMemory().contentTypesName + ", so this is no package";
         if (!options_.force)
             throw Failure(ExitStatus::NotAPackage, reason + "; --force takes it all the same");
         tell(reason);
@@ -192,17 +189,10 @@ private:
     std::unordered_map<std::string, Fingerprint> fingerprints_; // by part name
 };
 
-bool beginsLikeAZipFile(std::string const& path) {
-    std::ifstream file(path, std::ios::binary);
-    char beginning[4] = {};
-    return file.read(beginning, sizeof beginning) && std::string_view(beginning, 4) == "PK\x03\x04";
-}
-
 } // namespace
 
 ExitStatus packFiles(std::vector<std::string> const& inputs, ConversionOptions const& options) {
-    Direction direction{"packing", "packed", [](std::string const& input) { return input + ".txt"; },
-                        beginsLikeAZipFile,
+    Direction direction{"packing", "packed", [](std::string const& input) { return input + ".txt"; }, isZipFile,
                         [&](std::string const& path, std::string const& shownPath, std::string const& outputPath) {
                             Packer(PackageFile(path, shownPath), options).writeTo(outputPath);
                         }};

@@ -4,6 +4,9 @@
 
 namespace opctext {
 
+/// The name of the content types part.
+inline constexpr char const* ContentTypesName = "/[Content_Types].xml";
+
 /// Why the format, or a file system that its parts must pass through, can't hold a part of this name (in UTF-8);
 /// empty where it can.
 std::string findNameFault(std::string const& name);

@@ -106,7 +106,7 @@ private:
                  "in a ZIP file it would lie in a folder that is a member itself, of part " + printable(folder));
     }
 
-    static bool isContentTypes(PartEntry const& entry) { return entry.name == "/[Content_Types].xml"; }
+    static bool isContentTypes(PartEntry const& entry) { return entry.name == ContentTypesName; }
 
     /// The member name of a part; empty for the content types part that a ZIP file had none of.
     std::string chooseName(PartEntry const& entry) const {

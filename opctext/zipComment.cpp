@@ -39,12 +39,9 @@ ZipMemory ZipMemory::fromHeader(std::string const& header) {
     memory.comment = header;
     auto const begin = lastLineOf(header);
     auto const line = header.substr(begin);
-    if (line == NoContentTypes)
-        memory.contentTypesName.clear();
-    else if (line.compare(0, OtherName.size(), OtherName) == 0)
-        memory.contentTypesName = line.substr(OtherName.size());
-    else
+    if (!isOurs(line))
         return memory;
+    memory.contentTypesName = line == NoContentTypes ? "" : line.substr(OtherName.size());
     memory.comment.erase(begin == 0 ? 0 : begin - 1);
     return memory;
 }

@@ -25,6 +25,7 @@ using ::testing::StartsWith;
 using testsupport::base64Lines;
 using testsupport::fails;
 using testsupport::headerOfLines;
+using testsupport::limitingFileSize;
 using testsupport::mixedBytes;
 using testsupport::openingParts;
 using testsupport::packageText;
@@ -725,10 +726,7 @@ TEST_P(OpctextEachEdit, LeavesTheOldFileOrTheNewOneWhereFilesMayNotGrow) {
                                  after.size(), after.size() + 1}) {
         SCOPED_TRACE(bytes);
         writePackage(parts);
-        call.inChild = [bytes] {
-            struct rlimit const limit{bytes, bytes};
-            ::setrlimit(RLIMIT_FSIZE, &limit);
-        };
+        call.inChild = limitingFileSize(bytes);
 
         auto const result = run(call);
 

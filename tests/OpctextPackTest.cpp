@@ -26,6 +26,7 @@ using testsupport::base64Lines;
 using testsupport::fails;
 using testsupport::headerOfLines;
 using testsupport::libraryZipBytes;
+using testsupport::limitingFileSize;
 using testsupport::mixedBytes;
 using testsupport::packageText;
 using testsupport::PartText;
@@ -902,11 +903,7 @@ TEST_F(OpctextPack, LeavesNothingOnAFullDisk) {
         SCOPED_TRACE(bytes);
         ProgramCall call;
         call.words = {"pack", "p.docx", "-f"};
-        call.inChild = [bytes] {
-            struct rlimit limit {};
-            limit.rlim_cur = limit.rlim_max = bytes;
-            ::setrlimit(RLIMIT_FSIZE, &limit);
-        };
+        call.inChild = limitingFileSize(bytes);
 
         auto const result = run(call);
 

@@ -3,8 +3,6 @@
 #include <string>
 #include <vector>
 
-#include <sys/resource.h>
-
 #include <gmock/gmock.h>
 
 #include <tests/support/Base64Lines.hpp>
@@ -25,6 +23,7 @@ using testsupport::base64Lines;
 using testsupport::Deflated;
 using testsupport::fails;
 using testsupport::headerOfLines;
+using testsupport::limitingFileSize;
 using testsupport::mixedBytes;
 using testsupport::packageText;
 using testsupport::PartText;
@@ -710,11 +709,7 @@ TEST_F(OpctextUnpack, LeavesNothingOnAFullDisk) {
         SCOPED_TRACE(bytes);
         ProgramCall call;
         call.words = {"unpack", "p.docx.txt", "-f"};
-        call.inChild = [bytes] {
-            struct rlimit limit {};
-            limit.rlim_cur = limit.rlim_max = bytes;
-            ::setrlimit(RLIMIT_FSIZE, &limit);
-        };
+        call.inChild = limitingFileSize(bytes);
 
         auto const result = run(call);
 

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -170,6 +171,13 @@ ProgramCall ProgramFixture::completed(ProgramCall call) const {
     return ::testing::AllOf(Field("status", &ProgramResult::status, status),
                             Field("output", &ProgramResult::output, output),
                             Field("errors", &ProgramResult::errors, errors));
+}
+
+std::function<void()> limitingFileSize(std::uint64_t bytes) {
+    return [bytes] {
+        struct rlimit const limit{bytes, bytes};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    };
 }
 
 } // namespace testsupport

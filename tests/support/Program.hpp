@@ -23,6 +23,9 @@ struct ProgramCall {
     std::function<void()> inChild;                  ///< done in the new process, last before the program begins
 };
 
+/// For `inChild`: the program may write no file beyond a number of bytes, as on a full disk.
+std::function<void()> limitingFileSize(std::uint64_t bytes);
+
 /// How a program ended.
 struct ProgramResult {
     int status = -1;    ///< what it exited with; -1 where a signal ended it
