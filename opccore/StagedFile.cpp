@@ -88,6 +88,8 @@ void StagedFile::setDefaultPermissions() {
 void StagedFile::publish() {
     if (::rename(name_.c_str(), destination_.c_str()) == -1)
         throwSystemError("Could not replace", destination_);
+    // Where another process has put a link to the same file there, both links stay: rename(2) does nothing then.
+    ::unlink(name_.c_str());
     name_.clear();
     folder_.sync();
 }

@@ -711,6 +711,18 @@ TEST_F(ReplaceFileWithBackup, KeepsABackupThatLivesItsOwnLife) {
     EXPECT_EQ(folder.read("target.bak"), "old");
 }
 
+TEST_F(ReplaceFileWithBackup, LeavesNothingBehindWhereAnotherProcessHasMadeTheSameBackupMeanwhile) {
+    folder.write("target", "old");
+    folder.write("source", "new");
+
+    replace("target", "source",
+            calling([&](auto const&) { fs::create_hard_link(folder / "target", folder / "target.bak"); }, true));
+
+    EXPECT_EQ(folder.read("target"), "new");
+    EXPECT_EQ(folder.read("target.bak"), "old");
+    EXPECT_THAT(folder.entries(), ElementsAre("target", "target.bak"));
+}
+
 TEST_F(ReplaceFileWithBackup, KeepsTheBackupOfALinkedFileBesideTheLink) {
     folder.write("real/file", "old");
     makeLink("link", "real/file");
