@@ -28,7 +28,8 @@ set(internal_headers
     Base64Encoder.hpp
     PartIndex.hpp
     PartScanner.hpp
-    ScopeGuard.hpp)
+    ScopeGuard.hpp
+    StreamLines.hpp)
 list(JOIN internal_headers "|" internal_headers)
 install(
   DIRECTORY "${PROJECT_SOURCE_DIR}/opccore" "${PROJECT_SOURCE_DIR}/textpackage"

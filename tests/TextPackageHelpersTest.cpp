@@ -12,6 +12,7 @@
 
 #include <opccore/Exception.hpp>
 #include <opccore/StringConversion.hpp>
+#include <tests/support/BlockwiseStream.hpp>
 #include <tests/support/PackageText.hpp>
 #include <tests/support/Throws.hpp>
 
@@ -22,6 +23,7 @@ using ::testing::SizeIs;
 using ::testing::StartsWith;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
+using testsupport::BlockwiseStream;
 using testsupport::codeThrownBy;
 using testsupport::headerOfLines;
 using testsupport::offsetAfterLine;
@@ -547,6 +549,108 @@ TEST(ScannerPosition, IsRightAfterThePackageBeginLineBetweenTheStages) {
     scan.passHeader();
 
     EXPECT_EQ(scan.stream.tellg(), 38);
+}
+
+// --- the stream's blocks and state
+
+auto const noEnd = "__ZKOPC_PART_BEGIN__ /a\none\n\n__ZKOPC_PART_BEGIN__ /b\n__ZKOPC_PA\nlast";
+
+/// The content lines that come out of a stream.
+std::vector<std::string> linesOf(std::istream& stream) {
+    std::vector<std::string> lines;
+    readParts(
+        stream, [](PartBegin const&) {}, [] { return true; }, [&](std::string const& line) { lines.push_back(line); });
+    return lines;
+}
+
+TEST(ScannerStream, MayComeInBlocksOfAnySize) {
+    for (std::size_t blockBytes = 0; blockBytes < 40; ++blockBytes) {
+        SCOPED_TRACE(blockBytes);
+        BlockwiseStream stream(noEnd, blockBytes);
+
+        EXPECT_THAT(linesOf(stream), ElementsAre("one", "", "__ZKOPC_PA", "last"));
+    }
+}
+
+TEST(ScannerStream, IsLeftAtItsEndLikeOneThatWasReadToItsLastLine) {
+    for (std::string const text : {noEnd, "__ZKOPC_PART_BEGIN__ /a\nlast\n", ""}) {
+        SCOPED_TRACE(text);
+        std::istringstream stream(text);
+
+        linesOf(stream);
+
+        EXPECT_TRUE(stream.eof());
+        EXPECT_TRUE(stream.fail());
+        EXPECT_FALSE(stream.bad());
+    }
+}
+
+TEST(ScannerStream, IsGoodAfterThePackageEndLineUnlessThatHasNoLineBreak) {
+    std::istringstream whole("__ZKOPC_PACKAGE_END__\n");
+    std::istringstream withoutLineBreak("__ZKOPC_PACKAGE_END__");
+
+    linesOf(whole);
+    linesOf(withoutLineBreak);
+
+    EXPECT_TRUE(whole.good());
+    EXPECT_TRUE(withoutLineBreak.eof());
+    EXPECT_FALSE(withoutLineBreak.fail());
+}
+
+TEST(ScannerStream, GivesNoLineOnceItHasFailed) {
+    std::istringstream stream(noEnd);
+    stream.setstate(std::ios_base::failbit);
+
+    EXPECT_THAT(linesOf(stream), IsEmpty());
+    EXPECT_FALSE(stream.eof());
+}
+
+TEST(ScannerStream, ThrowsAtItsEndWhereItsOwnerWantsThat) {
+    std::istringstream stream(noEnd);
+    stream.exceptions(std::ios_base::failbit);
+
+    EXPECT_THROW(linesOf(stream), std::ios_base::failure);
+}
+
+/// A buffer that holds a few lines and then fails.
+class FailingBuffer : public std::stringbuf {
+public:
+    FailingBuffer() : std::stringbuf("__ZKOPC_PART_BEGIN__ /a\none\ntw") {}
+
+protected:
+    int_type underflow() override { throw std::runtime_error("the disk is broken"); }
+};
+
+TEST(ScannerStream, PassesOnTheExceptionOfItsBufferWhereItsOwnerWantsThat) {
+    FailingBuffer buffer;
+    std::istream stream(&buffer);
+    stream.exceptions(std::ios_base::badbit);
+
+    EXPECT_THAT([&] { linesOf(stream); }, ThrowsMessage<std::runtime_error>(StrEq("the disk is broken")));
+    EXPECT_TRUE(stream.bad());
+}
+
+TEST(ScannerStream, EndsAtTheExceptionOfItsBufferWhereItsOwnerAsksForNone) {
+    FailingBuffer buffer;
+    std::istream stream(&buffer);
+
+    EXPECT_THAT(linesOf(stream), ElementsAre("one"));
+    EXPECT_TRUE(stream.bad());
+    EXPECT_FALSE(stream.eof());
+}
+
+TEST(ScannerStream, FlushesTheStreamThatIsTiedToIt) {
+    std::istringstream stream(noEnd);
+    struct Flushed : std::stringbuf {
+        int sync() override { return ++flushes, 0; }
+        int flushes = 0;
+    } buffer;
+    std::ostream tied(&buffer);
+    stream.tie(&tied);
+
+    linesOf(stream);
+
+    EXPECT_GT(buffer.flushes, 0);
 }
 
 // --- callbacks

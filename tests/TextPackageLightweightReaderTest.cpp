@@ -24,6 +24,7 @@
 #include <opccore/Exception.hpp>
 #include <opccore/IPhysicalPartInfo.hpp>
 #include <opccore/StringConversion.hpp>
+#include <tests/support/BlockwiseStream.hpp>
 #include <tests/support/PackageText.hpp>
 #include <tests/support/TemporaryFolder.hpp>
 #include <tests/support/Throws.hpp>
@@ -38,6 +39,7 @@ using ::testing::IsEmpty;
 using ::testing::IsNull;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
+using testsupport::BlockwiseStream;
 using testsupport::codeThrownBy;
 using testsupport::headerOfLines;
 using testsupport::openingParts;
@@ -102,6 +104,21 @@ std::uint64_t bytesReadSoFar() {
     file >> key >> count;
     EXPECT_EQ(key, "rchar:");
     return count;
+}
+
+/// The most memory, in bytes, that this process held at once since `startToWatchMemory`.
+std::uintmax_t mostMemorySinceStart() {
+    std::ifstream file("/proc/self/status");
+    std::string line;
+    while (std::getline(file, line) && line.compare(0, 6, "VmHWM:") != 0) {
+    }
+    return std::stoull(line.substr(6)) * 1024;
+}
+
+/// Returns the memory, in bytes, that this process holds now.
+std::uintmax_t startToWatchMemory() {
+    std::ofstream("/proc/self/clear_refs") << 5 << std::flush;
+    return mostMemorySinceStart();
 }
 
 /// Nothing that a caller could still take for an open package.
@@ -929,6 +946,66 @@ TEST_F(LightweightReaderEarlyStop, ReadsAlmostNothingOfAHugeFile) {
     EXPECT_EQ(contentOf(reader, u"/b"), "b");
     EXPECT_GE(read, text.size());
     EXPECT_LT(read, std::uint64_t{1} << 20);
+}
+
+// --- parts that nobody wants
+
+class LightweightReaderPassingOver : public LightweightReader {
+protected:
+    /// What the reader makes of a text when "/wanted" was requested; the stream comes in blocks of that many bytes.
+    std::string wantedContentOf(std::string const& text, std::size_t blockBytes) {
+        TextPackageLightweightReader reader(u"/no/such/package");
+        reader.addRequestedPart(u"/wanted");
+        BlockwiseStream stream(text, blockBytes);
+        reader.readParts(stream);
+        return contentOf(reader, u"/wanted");
+    }
+};
+
+TEST_F(LightweightReaderPassingOver, FindsTheNextPartWhereverTheBlocksOfTheStreamEnd) {
+    auto const afterBeginLine = [](std::string const& text) { return text.substr(text.find('\n') + 1); };
+    auto const text =
+        afterBeginLine(packageText(openingParts({{"/b", "\n__ZKOPC_PA\n__ZKOPC_PACKAGE_END__ \n\n"},
+                                                 {"/c", ""},
+                                                 {"/d", "a line of some length\n_\n x__ZKOPC_PART_BEGIN__"},
+                                                 {"/wanted", "one\n\ntwo"}})));
+
+    for (std::size_t blockBytes = 0; blockBytes <= text.size(); ++blockBytes) {
+        SCOPED_TRACE(blockBytes);
+        EXPECT_EQ(wantedContentOf(text, blockBytes), "one\n\ntwo");
+        EXPECT_EQ(wantedContentOf(withCrLf(text), blockBytes), "one\n\ntwo");
+    }
+}
+
+TEST_F(LightweightReaderPassingOver, EndsWithTheStreamInsideAPart) {
+    TextPackageLightweightReader reader(u"/no/such/package");
+    reader.addRequestedPart(u"/wanted");
+    std::istringstream stream("__ZKOPC_PART_BEGIN__ /1\n__ZKOPC_PART_BEGIN__ /2\n__ZKOPC_PART_BEGIN__ /3\n"
+                              "__ZKOPC_PART_BEGIN__ /cut off\none\ntwo");
+
+    reader.readParts(stream);
+
+    EXPECT_TRUE(stream.eof());
+    EXPECT_FALSE(reader.processPart(u"/other"));
+    EXPECT_TRUE(reader.processPart(u"/wanted")) << "the part that was cut off used the request up";
+}
+
+TEST_F(LightweightReaderPassingOver, NeedsNoMemoryForThemHoweverLongTheirLinesAre) {
+    constexpr std::uintmax_t LineBytes = std::uintmax_t{256} << 20;
+    auto const text = packageText(openingParts({{"/b", ""}, {"/wanted", "content"}}));
+    auto const afterB = text.find("__ZKOPC_PART_BEGIN__ /wanted");
+    auto const path = folder.write("package.txt", text.substr(0, afterB));
+    fs::resize_file(folder / "package.txt", afterB + LineBytes); // a line of NULs, which takes no space on the disk
+    std::ofstream(folder / "package.txt", std::ios::binary | std::ios::app) << '\n' << text.substr(afterB);
+    TextPackageLightweightReader reader(path);
+    reader.addRequestedPart(u"/wanted");
+
+    auto const before = startToWatchMemory();
+    reader.open(OpenMode::Read);
+    auto const needed = mostMemorySinceStart() - before;
+
+    EXPECT_EQ(contentOf(reader, u"/wanted"), "content");
+    EXPECT_LT(needed, LineBytes / 16);
 }
 
 // --- requests and a second open

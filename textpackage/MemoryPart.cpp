@@ -1,5 +1,7 @@
 #include <textpackage/MemoryPart.hpp>
 
+#include <algorithm>
+
 #include <opccore/Base64.hpp>
 
 namespace opc::textpackage {
@@ -11,9 +13,9 @@ MemoryPart::MemoryPart(TextPackageLightweightReader& /*reader*/, std::u16string 
 
 void MemoryPart::processLine(std::string const& line) {
     if (hasLines_)
-        text_ << '\n';
+        text_ += '\n';
     hasLines_ = true;
-    text_ << line;
+    text_ += line;
 }
 
 std::u16string MemoryPart::getName() const {
@@ -28,7 +30,7 @@ interfaces::IPhysicalInputStream* MemoryPart::getInputStream() {
     if (inputStream_)
         return inputStream_.get();
     if (bytes_.empty())
-        bytes_ = isBase64_ ? decodeText() : text_.str();
+        bytes_ = isBase64_ ? decodeText() : text_;
     inputStream_ = std::make_unique<StringInputStream>(bytes_);
     return inputStream_.get();
 }
@@ -50,9 +52,11 @@ MemoryPart::~MemoryPart() {
 
 std::string MemoryPart::decodeText() {
     std::string bytes;
-    std::string line;
-    while (std::getline(text_, line)) {
-        auto const decoded = foundation::crypto::utils::base64Decode(line);
+    while (decodedLength_ < text_.size()) {
+        auto const begin = decodedLength_;
+        auto const end = std::min(text_.find('\n', begin), text_.size());
+        decodedLength_ = end + 1; // before the line can turn out to be bad
+        auto const decoded = foundation::crypto::utils::base64Decode(text_.substr(begin, end - begin));
         bytes.append(decoded.begin(), decoded.end());
     }
     return bytes;

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
-#include <sstream>
 #include <string>
 
 #include <boost/core/noncopyable.hpp>
@@ -50,8 +50,9 @@ private:
 
     std::u16string name_;
     std::unique_ptr<StringInputStream> inputStream_;
-    std::stringstream text_; // read from by the decoding, which goes on where it stopped
-    std::string bytes_;      // of the content; empty until the first stream
+    std::string text_;              // the lines
+    std::size_t decodedLength_ = 0; // of the text: where the decoding goes on after a bad line
+    std::string bytes_;             // of the content; empty until the first stream
     bool hasLines_ = false;
     bool isBase64_;
 };

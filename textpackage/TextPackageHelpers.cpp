@@ -6,6 +6,7 @@
 
 #include <opccore/Exception.hpp>
 #include <textpackage/PartScanner.hpp>
+#include <textpackage/StreamLines.hpp>
 
 namespace opc::textpackage::TextPackageHelpers {
 
@@ -49,12 +50,16 @@ void findPackageBeginMarker(std::istream& stream, std::function<void(std::string
 
 void readParts(std::istream& stream, std::function<void(PartBegin const&)> onPartBegin, std::function<bool()> onPartEnd,
                std::function<void(std::string const&)> onContentLine) {
-    std::string line;
+    std::string line; // a copy: what a callback does with the stream must not touch it
     PartScanner scanner(std::move(onPartBegin), std::move(onPartEnd), [&](std::string_view content) {
         line.resize(content.size()); // the same line, perhaps without its CR
         onContentLine(line);
     });
-    while (std::getline(stream, line) && scanner.take(line)) {
+    StreamLines lines(stream);
+    while (lines.next()) {
+        line = lines.line();
+        if (!scanner.take(line))
+            return;
     }
 }
 

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <istream>
+#include <string_view>
 #include <utility>
 
 #include <opccore/Exception.hpp>
 #include <opccore/caselessCompare.hpp>
 #include <textpackage/MemoryPart.hpp>
+#include <textpackage/PartScanner.hpp>
 #include <textpackage/ScopeGuard.hpp>
+#include <textpackage/StreamLines.hpp>
 #include <textpackage/TextPackageHelpers.hpp>
 
 namespace opc::textpackage {
@@ -18,6 +21,10 @@ constexpr std::size_t PartsKeptWhateverTheirName = 3;
 
 bool isCaselesslyEqual(std::u16string const& first, std::u16string const& second) {
     return caselessCompare(first, second) == 0;
+}
+
+bool sortsBefore(std::u16string const& first, std::u16string const& second) {
+    return caselessCompare(first, second) < 0;
 }
 
 bool beginsCaselesslyWith(std::u16string const& name, std::u16string const& prefix) {
@@ -114,14 +121,15 @@ void TextPackageLightweightReader::deletePart(std::u16string const& /*name*/) {
 }
 
 void TextPackageLightweightReader::readParts(std::istream& stream) {
-    std::sort(requestedParts_.begin(), requestedParts_.end(),
-              [](auto const& a, auto const& b) { return caselessCompare(a, b) < 0; });
+    std::sort(requestedParts_.begin(), requestedParts_.end(), sortsBefore);
 
     std::unique_ptr<MemoryPart> currentPart;
-    TextPackageHelpers::readParts(
-        stream,
+    bool needsContent = false;
+    std::string line;
+    PartScanner scanner(
         [&](TextPackageHelpers::PartBegin const& begin) {
             currentPart = std::make_unique<MemoryPart>(*this, begin.name, begin.isBase64);
+            needsContent = willKeep(begin.name);
         },
         [&] {
             auto part = std::move(currentPart);
@@ -129,19 +137,19 @@ void TextPackageLightweightReader::readParts(std::istream& stream) {
                 keep(std::move(part));
             return stillLookingForRequestedParts();
         },
-        [&](std::string const& line) { currentPart->processLine(line); });
+        [&](std::string_view content) {
+            line = content;
+            currentPart->processLine(line);
+        });
+    StreamLines lines(stream);
+    while ((scanner.isInPart() && !needsContent ? lines.nextMarker() : lines.next()) && scanner.take(lines.line())) {
+    }
 }
 
 bool TextPackageLightweightReader::processPart(std::u16string const& name) {
-    if (isCaselesslyEqual(name, u"/[trash]"))
-        return false;
-    if (parts_.size() < PartsKeptWhateverTheirName)
-        return true;
-    // Meant: the test is on the beginning of the whole name, which "/_rels/.rels" doesn't have.
-    if (beginsCaselesslyWith(name, u".rels"))
-        return false;
-    if (beginsCaselesslyWith(name, u"/metadata/"))
-        return true;
+    auto const interest = interestIn(name);
+    if (interest != Interest::IfRequested)
+        return interest == Interest::Always;
     searchStarted_ = true;
     return takeRequest(name);
 }
@@ -160,11 +168,24 @@ void TextPackageLightweightReader::cleanup() {
     displacedParts_.clear();
 }
 
-void TextPackageLightweightReader::keep(std::unique_ptr<MemoryPart> part) {
-    auto& entry = parts_[part->getName()];
-    if (entry)
-        displacedParts_.push_back(std::move(entry)); // somebody may still hold it
-    entry = std::move(part);
+TextPackageLightweightReader::Interest TextPackageLightweightReader::interestIn(std::u16string const& name) const {
+    if (isCaselesslyEqual(name, u"/[trash]"))
+        return Interest::None;
+    if (parts_.size() < PartsKeptWhateverTheirName)
+        return Interest::Always;
+    // Meant: the test is on the beginning of the whole name, which "/_rels/.rels" doesn't have.
+    if (beginsCaselesslyWith(name, u".rels"))
+        return Interest::None;
+    return beginsCaselesslyWith(name, u"/metadata/") ? Interest::Always : Interest::IfRequested;
+}
+
+/// What `processPart` will answer at the end of the part that begins now, without using up requests: a package may
+/// break off before that.
+bool TextPackageLightweightReader::willKeep(std::u16string const& name) const {
+    auto const interest = interestIn(name);
+    if (interest != Interest::IfRequested)
+        return interest == Interest::Always;
+    return std::binary_search(requestedParts_.begin(), requestedParts_.end(), name, sortsBefore);
 }
 
 /// Whether the part was asked for. The parts come in ascending order, as the requests stand: a request that sorts
@@ -179,6 +200,13 @@ bool TextPackageLightweightReader::takeRequest(std::u16string const& name) {
             return true;
     }
     return false;
+}
+
+void TextPackageLightweightReader::keep(std::unique_ptr<MemoryPart> part) {
+    auto& entry = parts_[part->getName()];
+    if (entry)
+        displacedParts_.push_back(std::move(entry)); // somebody may still hold it
+    entry = std::move(part);
 }
 
 } // namespace opc::textpackage

@@ -25,7 +25,8 @@ class MemoryPart;
 ///
 /// Kept are the first three parts, the parts under "/metadata/", and each requested part. Requested parts are found
 /// in a file whose parts are in the order that the writer gives them (ascending, without regard to case); a part that
-/// stands elsewhere may be missed. Within text parts CR LF arrives as LF.
+/// stands elsewhere may be missed. Within text parts CR LF arrives as LF. What will not be kept is passed over and
+/// never in memory.
 ///
 /// Ownership: the reader owns its parts; they live until `close`.
 /// Threads:   one thread at a time; all the work happens in `open`.
@@ -86,7 +87,7 @@ public:
     /// Reads parts from a stream that stands after the package-begin line, until nothing wanted is left.
     void readParts(std::istream& stream);
 
-    /// Whether to keep a part, given the parts kept before it; uses up the requests that it answers.
+    /// Whether to keep a part, given the parts kept before it; uses up the requests that it answers or passes.
     bool processPart(std::u16string const& name);
 
     bool stillLookingForRequestedParts() const;
@@ -98,8 +99,12 @@ public:
     void cleanup();
 
 private:
-    void keep(std::unique_ptr<MemoryPart> part);
+    enum class Interest { None, Always, IfRequested };
+
+    Interest interestIn(std::u16string const& name) const;
+    bool willKeep(std::u16string const& name) const;
     bool takeRequest(std::u16string const& name);
+    void keep(std::unique_ptr<MemoryPart> part);
 
     LocalFileSystemOps fileSystemOps_;
     std::u16string packagePath_;
