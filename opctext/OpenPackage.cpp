@@ -68,6 +68,7 @@ void readContent(IPhysicalPart& part, std::function<void(std::string_view)> cons
     stream.open();
     while (auto const count = stream.read(block.data(), static_cast<std::int64_t>(block.size())))
         onBlock({block.data(), static_cast<std::size_t>(count)});
+    stream.close(); // a process may not have as many files open as a package has parts
 }
 
 std::string nameOf(IPhysicalPart const& part) {

@@ -17,8 +17,10 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using testsupport::base64Lines;
 using testsupport::fails;
+using testsupport::limitingOpenFiles;
 using testsupport::mixedBytes;
 using testsupport::PartText;
+using testsupport::ProgramCall;
 using testsupport::succeeds;
 using testsupport::treeOf;
 
@@ -50,6 +52,19 @@ TEST_F(OpctextExtract, WritesAllPartsAsFiles) {
                                  {"word/document.xml", "one\r\ntwo\n"},
                                  {"word/media", "(folder)"},
                                  {"word/media/größe.png", mixedBytes(300000)}}));
+}
+
+TEST_F(OpctextExtract, TakesMoreBinaryPartsThanAProcessMayHaveFilesOpen) {
+    std::vector<PartText> parts;
+    for (int i = 0; i < 100; ++i)
+        parts.push_back({"/" + std::to_string(i) + ".bin", base64Lines("bytes\xFF"), true});
+    writePackage(parts);
+    ProgramCall call;
+    call.words = {"extract", "p.txt", "-C", "out"};
+    call.inChild = limitingOpenFiles(50);
+
+    EXPECT_THAT(run(call), succeeds());
+    EXPECT_EQ(extracted().at("99.bin"), "bytes\xFF");
 }
 
 TEST_F(OpctextExtract, WritesOnlyThePartsThatAreNamedSpeltAsThePackageHasThem) {

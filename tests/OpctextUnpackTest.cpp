@@ -24,6 +24,7 @@ using testsupport::Deflated;
 using testsupport::fails;
 using testsupport::headerOfLines;
 using testsupport::limitingFileSize;
+using testsupport::limitingOpenFiles;
 using testsupport::mixedBytes;
 using testsupport::packageText;
 using testsupport::PartText;
@@ -282,6 +283,19 @@ TEST_F(OpctextUnpack, DeflatesTextAndWhatShrinks) {
                 ElementsAre(Pair("[Content_Types].xml", Deflated), Pair("binary-that-shrinks", Deflated),
                             Pair("binary-without-pattern", Stored), Pair("empty-binary", Stored),
                             Pair("empty-text", Stored), Pair("text", Deflated), Pair("text-of-one-byte", Deflated)));
+}
+
+TEST_F(OpctextUnpack, TakesMoreBinaryPartsThanAProcessMayHaveFilesOpen) {
+    std::vector<PartText> parts;
+    for (int i = 0; i < 100; ++i)
+        parts.push_back({"/" + std::to_string(i) + ".bin", base64Lines("bytes\xFF"), true});
+    writeText(textWith(parts));
+    ProgramCall call;
+    call.words = {"unpack", "p.docx.txt"};
+    call.inChild = limitingOpenFiles(50);
+
+    EXPECT_THAT(run(call), succeeds());
+    EXPECT_EQ(readZip(folder.read("p.docx")).members.size(), 101U);
 }
 
 TEST_F(OpctextUnpack, WritesNoExtraFieldsNoCommentsNoFoldersAndTheFirstDate) {

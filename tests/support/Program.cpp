@@ -173,11 +173,23 @@ ProgramCall ProgramFixture::completed(ProgramCall call) const {
                             Field("errors", &ProgramResult::errors, errors));
 }
 
-std::function<void()> limitingFileSize(std::uint64_t bytes) {
-    return [bytes] {
-        struct rlimit const limit{bytes, bytes};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
+namespace {
+
+std::function<void()> limiting(__rlimit_resource_t resource, std::uint64_t most) {
+    return [resource, most] {
+        struct rlimit const limit{most, most};
+        ::setrlimit(resource, &limit);
     };
+}
+
+} // namespace
+
+std::function<void()> limitingFileSize(std::uint64_t bytes) {
+    return limiting(RLIMIT_FSIZE, bytes);
+}
+
+std::function<void()> limitingOpenFiles(std::uint64_t count) {
+    return limiting(RLIMIT_NOFILE, count);
 }
 
 } // namespace testsupport

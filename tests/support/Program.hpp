@@ -26,6 +26,9 @@ struct ProgramCall {
 /// For `inChild`: the program may write no file beyond a number of bytes, as on a full disk.
 std::function<void()> limitingFileSize(std::uint64_t bytes);
 
+/// For `inChild`: the program may have no more than so many files open at a time.
+std::function<void()> limitingOpenFiles(std::uint64_t count);
+
 /// How a program ended.
 struct ProgramResult {
     int status = -1;    ///< what it exited with; -1 where a signal ended it
