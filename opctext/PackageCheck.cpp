@@ -229,15 +229,19 @@ private:
     }
 
     void checkForFolders() {
-        for (auto const& [name, use] : parts_) {
-            for (auto slash = name.find('/', 1); slash != std::string::npos; slash = name.find('/', slash + 1)) {
-                auto const folder = parts_.find(name.substr(0, slash));
-                if (folder != parts_.end())
-                    add(Severity::Error, use.line,
-                        fmt::format("part {} lies in a folder that is a part itself, {}, at line {}; no file system "
-                                    "can hold both",
-                                    printable(use.name), printable(folder->second.name), folder->second.line),
-                        true);
+        for (auto const& [folder, folderUse] : parts_) {
+            if (folder.empty())
+                continue; // the name that is missing is no folder of all others
+            auto const beginning = folder + '/';
+            for (auto entry = parts_.lower_bound(beginning); entry != parts_.end(); ++entry) {
+                auto const& [name, use] = *entry;
+                if (!beginsWith(name, beginning))
+                    break;
+                add(Severity::Error, use.line,
+                    fmt::format("part {} lies in a folder that is a part itself, {}, at line {}; no file system can "
+                                "hold both",
+                                printable(use.name), printable(folderUse.name), folderUse.line),
+                    true);
             }
         }
     }

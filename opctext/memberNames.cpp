@@ -62,12 +62,12 @@ std::string memberNameOf(std::string const& partName) {
 }
 
 std::pair<std::string, std::string> findFolderConflict(NamesByCaseless const& names) {
-    for (auto const& [name, shown] : names) {
-        for (auto slash = name.find('/', 1); slash != std::string::npos; slash = name.find('/', slash + 1)) {
-            auto const folder = names.find(name.substr(0, slash));
-            if (folder != names.end())
-                return {folder->second, shown};
-        }
+    for (auto const& [folder, shownFolder] : names) {
+        auto const beginning = folder + '/';
+        auto const inside = names.lower_bound(beginning);
+        bool const isConflict = inside != names.end() && inside->first.compare(0, beginning.size(), beginning) == 0;
+        if (!folder.empty() && isConflict)
+            return {shownFolder, inside->second};
     }
     return {};
 }

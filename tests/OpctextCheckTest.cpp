@@ -153,6 +153,25 @@ TEST_F(OpctextCheck, FindsAPartThatIsTheFolderOfAnother) {
         1, 1);
 }
 
+TEST_F(OpctextCheck, FindsEachPairOfPartsOfWhichOneIsTheFolderOfTheOther) {
+    std::string const end = "; no file system can hold both";
+    expectFindings(
+        {
+            {withParts("__ZKOPC_PART_BEGIN__ /b\nx\n__ZKOPC_PART_BEGIN__ /b.c\nx\n__ZKOPC_PART_BEGIN__ /b/c\nx\n"
+                       "__ZKOPC_PART_BEGIN__ /b/c/d\nx\n__ZKOPC_PART_BEGIN__ /bc\nx\n"),
+             {"12: error: part /b/c lies in a folder that is a part itself, /b, at line 8" + end,
+              "14: error: part /b/c/d lies in a folder that is a part itself, /b, at line 8" + end,
+              "14: error: part /b/c/d lies in a folder that is a part itself, /b/c, at line 12" + end}},
+        },
+        1, 1);
+}
+
+TEST_F(OpctextCheck, TakesNoPartWithoutANameForTheFolderOfOthers) {
+    folder.write("p.txt", withParts("__ZKOPC_PART_BEGIN__  \nx\n"));
+
+    EXPECT_THAT(run({"check", "p.txt"}).output, testing::Not(testing::HasSubstr("lies in a folder")));
+}
+
 TEST_F(OpctextCheck, FindsLinesAfterTheEndAndReportsThemOnce) {
     std::string const finding =
         "9: error: there are lines after the package-end line, which nothing reads and an edit would lose";
