@@ -165,9 +165,11 @@ void TextFilePhysicalPackage::openInput() {
     auto const buffer = textFileBuffer_->getFullStreambuf();
     std::istream stream(buffer.get());
     TextPackageHelpers::findPackageBeginMarker(stream, [this](std::string const& line) {
-        if (!textFileHeader_.empty())
-            textFileHeader_ += u'\n';
-        textFileHeader_ += toString(line, true);
+        auto converted = toString(line, true); // of any length: a file without a package may be a single line
+        if (textFileHeader_.empty())
+            textFileHeader_ = std::move(converted);
+        else
+            textFileHeader_.append(u"\n").append(converted);
     });
     auto const begin = static_cast<std::uint64_t>(buffer->pubseekoff(0, std::ios_base::cur, std::ios_base::in));
     addStoredParts(textFileBuffer_->content().substr(begin), begin);
