@@ -26,7 +26,7 @@ public:
     explicit ListingScan(std::istream& stream) : stream_(stream) {}
 
     PackageListing run() {
-        readHeader();
+        skipHeader();
         TextPackageHelpers::readParts(
             stream_, [this](auto const& begin) { beginPart(begin); }, [this] { return endPart(); },
             [this](auto const& line) { addLine(line); });
@@ -34,12 +34,10 @@ public:
     }
 
 private:
-    void readHeader() {
+    void skipHeader() {
         std::int64_t headerBytes = 0;
-        TextPackageHelpers::findPackageBeginMarker(stream_, [&](std::string const& line) {
-            headerBytes += static_cast<std::int64_t>(line.size()) + 1;
-            listing_.headerLines.push_back(line);
-        });
+        TextPackageHelpers::findPackageBeginMarker(
+            stream_, [&](std::string const& line) { headerBytes += static_cast<std::int64_t>(line.size()) + 1; });
         stream_.clear(); // the begin line may be the last, without a line break
         stream_.seekg(headerBytes + static_cast<std::int64_t>(TextPackageHelpers::getPackageBegin().size()));
         std::getline(stream_, listing_.releaseTag);
@@ -89,6 +87,14 @@ PackageListing readListing(PackageFile const& file) {
     PackageListing listing;
     file.scan([&](std::istream& stream) { listing = ListingScan(stream).run(); });
     return listing;
+}
+
+std::vector<std::string> readHeaderLines(PackageFile const& file) {
+    std::vector<std::string> lines;
+    file.scan([&](std::istream& stream) {
+        TextPackageHelpers::findPackageBeginMarker(stream, [&](std::string const& line) { lines.push_back(line); });
+    });
+    return lines;
 }
 
 bool isZipFile(std::string const& path) {

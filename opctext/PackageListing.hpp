@@ -16,9 +16,8 @@ struct PartEntry {
     bool isComplete = false; ///< something follows it: another part or the package-end line
 };
 
-/// What a package file holds, the contents of its parts left aside.
+/// What a package file holds, its header and the contents of its parts left aside.
 struct PackageListing {
-    std::vector<std::string> headerLines;
     std::string releaseTag;       ///< what follows the package-begin marker
     std::vector<PartEntry> parts; ///< in the order of the file
     bool hasEndLine = false;
@@ -26,6 +25,9 @@ struct PackageListing {
 
 /// Scans the whole file. Throws `Failure` for a file that can't be read or is no package.
 PackageListing readListing(PackageFile const& file);
+
+/// The lines above the package-begin line. Throws `Failure` as `readListing` does.
+std::vector<std::string> readHeaderLines(PackageFile const& file);
 
 /// Whether a file begins as a ZIP file with a member does.
 bool isZipFile(std::string const& path);

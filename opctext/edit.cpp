@@ -110,7 +110,7 @@ void removeParts(std::string const& path, std::vector<std::string> const& names,
 }
 
 void showHeader(std::string const& path) {
-    for (auto const& line : readListing(PackageFile(path)).headerLines)
+    for (auto const& line : readHeaderLines(PackageFile(path)))
         writeOutput(line + '\n');
 }
 

@@ -30,12 +30,14 @@ Total totalOf(PackageListing const& listing, bool binary) {
 } // namespace
 
 void showInfo(std::string const& file) {
-    auto const listing = readListing(PackageFile(file));
+    PackageFile const packageFile(file);
+    auto const listing = readListing(packageFile);
+    auto const headerLines = readHeaderLines(packageFile);
     auto const text = totalOf(listing, false);
     auto const binary = totalOf(listing, true);
 
-    auto info = fmt::format("header:      {} lines\n", listing.headerLines.size());
-    for (auto const& line : listing.headerLines)
+    auto info = fmt::format("header:      {} lines\n", headerLines.size());
+    for (auto const& line : headerLines)
         info += "  | " + printable(line) + '\n';
     info += fmt::format("release tag: {}\n", listing.releaseTag.empty() ? "none" : printable(listing.releaseTag));
     info += fmt::format("parts:       {} ({} text, {} binary)\n", text.parts + binary.parts, text.parts, binary.parts);

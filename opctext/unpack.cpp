@@ -39,7 +39,7 @@ public:
           options_(options),
           package_(input),
           listing_(readListing(input)),
-          memory_(ZipMemory::fromHeader(joinLines(listing_.headerLines))) {}
+          memory_(ZipMemory::fromHeader(joinLines(readHeaderLines(input)))) {}
 
     void writeTo(std::string const& outputPath) {
         requireNothingMissing();
