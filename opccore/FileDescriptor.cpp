@@ -106,4 +106,10 @@ void FileDescriptor::close() {
         throwSystemError("Could not close", path_);
 }
 
+int removeFile(std::string const& path) noexcept {
+    auto const remove = [&] { return ::unlink(path.c_str()); };
+    int const result = uninterrupted(remove);
+    return result == 0 || errno == ENOENT ? result : uninterrupted(remove);
+}
+
 } // namespace opc::detail

@@ -51,4 +51,8 @@ private:
     int descriptor_; // -1: closed
 };
 
+/// Removes a file as unlink(2) does, and tries once more before it gives up: nobody comes back for what stays. Returns
+/// 0, or -1 with errno.
+int removeFile(std::string const& path) noexcept;
+
 } // namespace opc::detail

@@ -209,7 +209,7 @@ private:
         if (!isStillThere || !S_ISREG(status_.st_mode))
             return;
         if (status_.st_size == 0)
-            ::unlink(path.c_str());
+            removeFile(path);
         else if (::truncate(path.c_str(), status_.st_size) == -1)
             return; // nothing more can be done
     }

@@ -111,7 +111,8 @@ public:
     /// Removes one file (a link, never what it leads to); returns whether there was one.
     virtual bool remove(std::u16string const& path, boost::system::error_code& code) const = 0;
 
-    /// Removes a folder and all that is in it, following no link; returns how many entries were removed.
+    /// Removes a folder and all that is in it, following no link; returns how many entries were removed; those of a
+    /// first try that failed don't count.
     virtual std::uintmax_t removeAll(std::u16string const& path, boost::system::error_code& code) const = 0;
 
 protected:

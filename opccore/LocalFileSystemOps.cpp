@@ -90,7 +90,7 @@ void copyToNewFile(FileDescriptor& source, std::string const& to) {
         copy.writeAllOf(source);
         copy.close();
     } catch (...) {
-        ::unlink(to.c_str());
+        detail::removeFile(to);
         throw;
     }
 }
@@ -264,7 +264,7 @@ void LocalFileSystemOps::replaceFileWithBackup(std::u16string const& target, Fil
 bool LocalFileSystemOps::remove(std::u16string const& path, boost::system::error_code& code) const {
     return reportingTo(code, [&] {
         auto const native = makeNativePath(path);
-        if (::unlink(native.c_str()) == 0)
+        if (detail::removeFile(native) == 0)
             return true;
         if (errno != ENOENT && errno != ENOTDIR)
             throwSystemError("Could not remove", native);
@@ -276,7 +276,12 @@ std::uintmax_t LocalFileSystemOps::removeAll(std::u16string const& path, boost::
     return reportingTo(code, [&]() -> std::uintmax_t {
         auto const native = makeNativePath(path);
         std::error_code failure;
-        auto const removed = std::filesystem::remove_all(native, failure);
+        auto removed = std::filesystem::remove_all(native, failure);
+        // Once more before giving up: nobody comes back for what stays. An interruption is no failure at all.
+        for (bool isLastTry = false; failure && !isLastTry;) {
+            isLastTry = failure != std::errc::interrupted;
+            removed = std::filesystem::remove_all(native, failure);
+        }
         if (failure)
             throwSystemError("Could not remove", native, failure.value());
         return removed;

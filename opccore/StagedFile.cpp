@@ -66,7 +66,7 @@ StagedFile::~StagedFile() {
         file_->setOwner(linked_->st_uid, linked_->st_gid);
         ::fchmod(file_->handle(), linked_->st_mode & PermissionBits);
     }
-    ::unlink(name_.c_str());
+    removeFile(name_);
 }
 
 void StagedFile::setPermissionsOf(struct stat const& other) {
@@ -81,7 +81,7 @@ void StagedFile::setDefaultPermissions() {
     // the folder may have a say as well.
     auto const probe = nameBeside(destination_);
     FileDescriptor const file(probe, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666);
-    ::unlink(probe.c_str());
+    removeFile(probe);
     file_->setPermissions(file.status().st_mode & PermissionBits);
 }
 

@@ -1,8 +1,6 @@
 #include <opccore/TempfileGuard.hpp>
 
 #include <fcntl.h>
-#include <unistd.h>
-
 #include <opccore/Exception.hpp>
 #include <opccore/FileDescriptor.hpp>
 #include <opccore/RandomName.hpp>
@@ -27,7 +25,7 @@ TempfileGuard::TempfileGuard(std::u16string const& folder, std::u16string const&
 
 TempfileGuard::~TempfileGuard() {
     try {
-        ::unlink(detail::makeNativePath(fileName_).c_str());
+        detail::removeFile(detail::makeNativePath(fileName_));
     } catch (...) {
         // Nobody is left to be told.
     }
