@@ -106,7 +106,9 @@ std::unique_ptr<StagedFile> stageSource(FileSystemOps& fileSystem, std::u16strin
     if (dynamic_cast<LocalFileSystemOps*>(&fileSystem) != nullptr) {
         auto const native = makeNativePath(source);
         requireDifferentEntries(native, destination);
-        return std::make_unique<StagedFile>(native, destination);
+        auto staged = std::make_unique<StagedFile>(native, destination);
+        staged->allowRemovalOf(native);
+        return staged;
     }
     auto const content = fileSystem.createInputStream(source, StreamMode::In | StreamMode::Binary);
     return std::make_unique<StagedFile>(*content, destination);

@@ -66,6 +66,8 @@ StagedFile::~StagedFile() {
         file_->setOwner(linked_->st_uid, linked_->st_gid);
         ::fchmod(file_->handle(), linked_->st_mode & PermissionBits);
     }
+    if (isSourceRemoved_ && ::link(name_.c_str(), removableSource_.c_str()) == -1)
+        return; // better left under this name than lost
     removeFile(name_);
 }
 
@@ -73,7 +75,7 @@ void StagedFile::setPermissionsOf(struct stat const& other) {
     auto const own = file_->status();
     if (own.st_uid != other.st_uid || own.st_gid != other.st_gid)
         file_->setOwner(other.st_uid, other.st_gid); // first: a change of owner clears bits
-    file_->setPermissions(other.st_mode & PermissionBits);
+    setPermissions(other.st_mode);
 }
 
 void StagedFile::setDefaultPermissions() {
@@ -82,7 +84,7 @@ void StagedFile::setDefaultPermissions() {
     auto const probe = nameBeside(destination_);
     FileDescriptor const file(probe, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666);
     removeFile(probe);
-    file_->setPermissions(file.status().st_mode & PermissionBits);
+    setPermissions(file.status().st_mode);
 }
 
 void StagedFile::publish() {
@@ -115,6 +117,13 @@ void StagedFile::create(mode_t permissions) {
     auto name = nameBeside(destination_);
     file_.emplace(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, permissions);
     name_ = std::move(name);
+}
+
+void StagedFile::setPermissions(mode_t permissions) {
+    bool const opensSource = linked_ && (permissions & PermissionBits & ~linked_->st_mode) != 0;
+    if (opensSource && !removableSource_.empty())
+        isSourceRemoved_ = removeFile(removableSource_) == 0;
+    file_->setPermissions(permissions & PermissionBits);
 }
 
 FileDescriptor openRegularFile(std::string const& path) {

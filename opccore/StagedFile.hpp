@@ -28,6 +28,10 @@ public:
     StagedFile& operator=(StagedFile const&) = delete;
     ~StagedFile();
 
+    /// Lets the file remove the source early, where they share one file that is about to be opened to more users: the
+    /// source may lie in a folder of everybody. Destruction puts it back if the file was not published.
+    void allowRemovalOf(std::string const& source) { removableSource_ = source; }
+
     /// Takes the permission bits of another file, and its owner where the system allows that.
     void setPermissionsOf(struct stat const& other);
 
@@ -43,12 +47,15 @@ private:
     explicit StagedFile(std::string destination);
     bool link(std::string const& source);
     void create(mode_t permissions);
+    void setPermissions(mode_t permissions);
 
     std::string destination_;
     FileDescriptor folder_; // opened first: what can't be synced later is not begun
     std::string name_;      // empty: nothing to remove
     std::optional<FileDescriptor> file_;
     std::optional<struct stat> linked_; // the status of a source that shares it with this file
+    std::string removableSource_;       // empty: it has to stay
+    bool isSourceRemoved_ = false;
 };
 
 /// Opens a regular file to copy it; never waits for what is none, a pipe for example, but throws.

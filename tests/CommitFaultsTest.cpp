@@ -44,6 +44,7 @@ using testsupport::FileSizeLimit;
 using testsupport::openingParts;
 using testsupport::packageText;
 using testsupport::partOf;
+using testsupport::permissionsOf;
 using testsupport::ProgramEnd;
 using testsupport::SmallDisk;
 using testsupport::throwsPackageError;
@@ -602,6 +603,8 @@ TEST_P(KilledCommit, LeavesTheOldFileOrTheNewOneAtEachCall) {
                 fs::remove(folder / name);
             }
         }
+        for (auto const& path : temporaryPaths())
+            EXPECT_EQ(permissionsOf(path) & 0077U, 0U) << path;
         emptyTheTemporaryArea();
         if (end.signal == 0) { // it made fewer calls than that
             EXPECT_EQ(end.exitCode, 0);

@@ -810,6 +810,25 @@ TEST_F(ReplaceFileWithBackup, LosesNothingWhereTheBackupIsToBeTheSource) {
 
 // ----------------------------------------------------------------------------------------------------- beforeReplace
 
+TEST_F(ReplaceFileWithBackup, NeverOpensTheSourceToMoreUsersThanItWas) {
+    folder.write("source", "new");
+    folder.write("target", "old");
+    fs::permissions(folder / "source", static_cast<fs::perms>(0600));
+    fs::permissions(folder / "target", static_cast<fs::perms>(0644));
+    bool isShown = true;
+
+    EXPECT_THROW(replace("target", "source", calling([&](std::u16string const&) {
+                             isShown = fs::exists(folder / "source") && permissionsOf(folder / "source") != 0600U;
+                             throw std::runtime_error("cancelled");
+                         })),
+                 std::runtime_error);
+
+    EXPECT_FALSE(isShown);
+    EXPECT_EQ(folder.read("source"), "new");
+    EXPECT_EQ(permissionsOf(folder / "source"), 0600U);
+    EXPECT_THAT(folder.entries(), ElementsAre("source", "target"));
+}
+
 TEST_F(ReplaceFileWithBackup, CallsBackOnceWhileTheOldFileIsStillInPlace) {
     folder.write("source", "new");
     folder.write("target", "old");
