@@ -51,7 +51,7 @@ Scenario const& scenarioNamed(std::string const& name);
 /// Gives standard input what the scenario needs; before each run.
 void connectInput(Scenario const& scenario);
 
-/// How many of the first 256 file descriptors are open. Asks with fcntl(2) alone: where that fails, none is.
+/// How many of the first 256 file descriptors are open. Asks with one poll(2), which nothing else here calls.
 int openDescriptors();
 
 } // namespace campaigns

@@ -1,15 +1,13 @@
 #include <tests/campaigns/Scenario.hpp>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <map>
-#include <utility>
 
-#include <fcntl.h>
+#include <poll.h>
 #include <stdio_ext.h>
 
 #include <opccore/CommitOptions.hpp>
@@ -439,8 +437,7 @@ std::vector<Scenario> writingScenarios() {
              changeOnePart(package);
              package.close();
              return content;
-         },
-         PackagePath},
+         }},
         {"commit-and-read-back", preparePackage,
          [] {
              WatchedPackage package;
@@ -601,10 +598,12 @@ void connectInput(Scenario const& scenario) {
 }
 
 int openDescriptors() {
-    int count = 0;
-    for (int descriptor = 0; descriptor < 256; ++descriptor)
-        count += ::fcntl(descriptor, F_GETFD) != -1 ? 1 : 0;
-    return count;
+    std::array<struct pollfd, 256> all{};
+    for (std::size_t i = 0; i < all.size(); ++i)
+        all[i].fd = static_cast<int>(i);
+    ::poll(all.data(), all.size(), 0);
+    return static_cast<int>(
+        std::count_if(all.begin(), all.end(), [](struct pollfd const& one) { return (one.revents & POLLNVAL) == 0; }));
 }
 
 } // namespace campaigns
