@@ -19,7 +19,7 @@ from pathlib import Path
 from figures import Figure, Piece, for_markdown, for_terminal, operation_rows, piece_rows
 from lines import LINES
 from plot import draw
-from workplace import FULL, GIB, QUICK, BenchFailure, Workplace, require
+from workbench import FULL, GIB, QUICK, BenchFailure, Workbench, require
 
 ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "bench"
@@ -29,8 +29,8 @@ PIECES = "pieces"
 def arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="./run bench", description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="tiny inputs, once each: whether everything still works")
-    parser.add_argument("--only", metavar="TEXT", action="append", help="lines whose name holds the text; may be repeated")
-    parser.add_argument("--folder", type=Path, default=BUILD / "measuring", help="where to work (20 GiB); default: %(default)s")
+    parser.add_argument("--only", metavar="TEXT", action="append", help="lines whose name holds it; may be repeated")
+    parser.add_argument("--folder", type=Path, default=BUILD / "measuring", help="where to work; needs 20 GiB")
     parser.add_argument("--publish", action="store_true", help="put the table and the plot into docs/")
     parser.add_argument("--list", action="store_true", help="print the names of the lines")
     return parser.parse_args()
@@ -42,13 +42,16 @@ def chosen(names: list[str], only: list[str] | None) -> list[str]:
     return result
 
 
-def measure_pieces(place: Workplace, is_quick: bool) -> list[Piece]:
+def measure_pieces(bench: Workbench, is_quick: bool) -> list[Piece]:
     """What Google Benchmark says of the pieces: PIECE/textpackage beside PIECE/<reference>."""
-    report = place.scratch / "pieces.json"
-    how = ["--benchmark_min_time=0.001"] if is_quick else ["--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true"]
-    place.call(place.program("bench_pieces"), f"--benchmark_out={report}", "--benchmark_out_format=json", *how)
+    report = bench.scratch / "pieces.json"
+    how = ["--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true"]
+    if is_quick:
+        how = ["--benchmark_min_time=0.001"]
+    bench.call(bench.program("bench_pieces"), f"--benchmark_out={report}", "--benchmark_out_format=json", *how)
     speeds: dict[str, dict[str, list[float]]] = {}
-    for run in json.loads(report.read_text(encoding="utf-8"))["benchmarks"]:
+    runs = json.loads(report.read_text(encoding="utf-8"))["benchmarks"]
+    for run in sorted(runs, key=lambda run: run["family_index"]):
         require(not run.get("error_occurred"), f"{run['name']}: {run.get('error_message')}")
         if run["run_type"] == "iteration":
             piece, who = run["run_name"].split("/", 1)
@@ -119,18 +122,18 @@ def main() -> int:
         return 0
     require(not (options.quick and options.publish), "the figures of --quick mean nothing: don't publish them")
     kind = "quick" if options.quick else "full"
-    place = Workplace(BUILD, options.folder.resolve() / kind, QUICK if options.quick else FULL)
+    bench = Workbench(BUILD, options.folder.resolve() / kind, QUICK if options.quick else FULL)
     results = Results(BUILD / "results" / kind)
     names = chosen([*LINES, PIECES], options.only)
     for name in names:
         print(f"bench: {name}", file=sys.stderr, flush=True)
         if name == PIECES:
-            results.pieces = measure_pieces(place, options.quick)
+            results.pieces = measure_pieces(bench, options.quick)
         else:
-            results.figures[name] = LINES[name](place)
+            results.figures[name] = LINES[name](bench)
         results.save()
-    shutil.rmtree(place.scratch)
-    shutil.rmtree(place.temporary)
+    shutil.rmtree(bench.scratch)
+    shutil.rmtree(bench.temporary)
 
     if options.quick:
         print(f"{len(names)} lines work; figures of inputs as small as these would mean nothing")

@@ -7,11 +7,11 @@ from xml.sax.saxutils import escape
 
 from figures import Figure, show_limit, show_ratio, show_value
 
-WIDTH = 960
+WIDTH = 1040
 ROW = 30
 TOP = 74
-NAMES = 410  # width of the column of names
-VALUES = 170  # width of the column of values
+NAMES = 430  # width of the column of names
+VALUES = 220  # width of the column of values
 
 # Middle tones: the page behind may be light or dark.
 INK = "#7b828b"

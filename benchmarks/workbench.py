@@ -58,7 +58,7 @@ QUICK = Sizes(
 )
 
 
-class Workplace:
+class Workbench:
     """Everything that is made lies in `folder`, the temporary area as well: one file system for all.
 
     Inputs stay there for the next time; what the operations make goes into `scratch`, which each run finds empty.
