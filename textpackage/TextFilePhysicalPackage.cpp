@@ -48,17 +48,20 @@ void requireFewLines(std::u16string const& header) {
         throw Exception("Header must not have more than 20 lines");
 }
 
-bool sortsBefore(FilePart const* first, FilePart const* second) {
-    return caselessCompare(first->getName(), second->getName()) < 0;
+/// A part under its name, which can be compared there without a copy.
+using NamedPart = std::pair<std::u16string const, std::unique_ptr<FilePart>>;
+
+bool sortsBefore(NamedPart const* first, NamedPart const* second) {
+    return caselessCompare(first->first, second->first) < 0;
 }
 
-bool isMetadata(FilePart const* part) {
+bool isMetadata(NamedPart const* part) {
     static std::u16string const folder = u"/metadata/";
-    return caselessCompare(part->getName().substr(0, folder.size()), folder) == 0;
+    return caselessCompare(part->first.substr(0, folder.size()), folder) == 0;
 }
 
 auto isCalled(std::u16string name) {
-    return [name = std::move(name)](FilePart const* part) { return caselessCompare(part->getName(), name) == 0; };
+    return [name = std::move(name)](NamedPart const* part) { return caselessCompare(part->first, name) == 0; };
 }
 
 } // namespace
@@ -297,10 +300,10 @@ void TextFilePhysicalPackage::writeHeaderToStream(std::ostream& out) const {
 }
 
 void TextFilePhysicalPackage::writePartsToStream(std::ostream& out) const {
-    std::vector<FilePart*> sequence;
+    std::vector<NamedPart const*> sequence;
     for (auto const* const parts : {&changedParts_, &storedParts_}) {
         for (auto const& entry : *parts)
-            sequence.push_back(entry.second.get());
+            sequence.push_back(&entry);
     }
     auto const relationships = std::partition(sequence.begin(), sequence.end(), isCalled(contentTypesPartName_));
     auto const metadata = std::partition(relationships, sequence.end(), isCalled(u"/_rels/.rels"));
@@ -308,8 +311,9 @@ void TextFilePhysicalPackage::writePartsToStream(std::ostream& out) const {
     std::sort(metadata, others, sortsBefore);
     std::sort(others, sequence.end(), sortsBefore);
 
-    for (auto* const part : sequence) {
-        out << TextPackageHelpers::getPartSeparator() << ' ' << detail::toUTF8String(part->getName(), true)
+    for (auto const* const entry : sequence) {
+        auto const& [name, part] = *entry;
+        out << TextPackageHelpers::getPartSeparator() << ' ' << detail::toUTF8String(name, true)
             << (part->isBinary() ? " BASE64\n" : "\n");
         part->writeToStream(out, part->isBinary());
         out << '\n';
