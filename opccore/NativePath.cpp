@@ -21,6 +21,7 @@ constexpr char HashMark = '~';
 constexpr std::size_t HashBytes = 36; // of a UUID's text
 constexpr std::size_t MaximumHeadBytes = MaximumComponentBytes - 1 - HashBytes;
 constexpr std::size_t LongestSequenceBytes = 4;
+constexpr std::size_t MostBytesOfUnit = 3;
 
 /// UTF-8, with three bytes for each lone surrogate: such a path still names one file of its own.
 std::string toBytes(std::u16string_view path) {
@@ -81,6 +82,8 @@ std::u16string fromNativePath(std::string const& path) {
 }
 
 bool looksShortened(std::u16string_view component) {
+    if (component.size() * MostBytesOfUnit + LongestSequenceBytes <= MaximumComponentBytes)
+        return false; // as nearly all are
     auto const bytes = toBytes(component);
     if (bytes.size() > MaximumComponentBytes || bytes.size() + LongestSequenceBytes <= MaximumComponentBytes)
         return false;
