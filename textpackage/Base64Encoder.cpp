@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <istream>
 #include <ostream>
 #include <string>
@@ -20,34 +21,43 @@ constexpr std::size_t LineBytes = 57;      // of content, which make
 constexpr std::size_t LineCharacters = 76; // of Base64
 constexpr std::size_t BlockBytes = 1024 * LineBytes;
 
-/// Regroups bytes into values of six bits, three into four, and returns how many there are; the last is filled up with
-/// zero bits. By hand: the iterator that does it shifts bit by bit and takes three times as long.
-std::size_t regroup(std::uint8_t const* bytes, std::size_t count, std::uint8_t* values) {
-    auto* next = values;
-    for (; count >= 3; bytes += 3, count -= 3) {
-        *next++ = bytes[0] >> 2;
-        *next++ = static_cast<std::uint8_t>((bytes[0] & 0x03) << 4 | bytes[1] >> 4);
-        *next++ = static_cast<std::uint8_t>((bytes[1] & 0x0F) << 2 | bytes[2] >> 6);
-        *next++ = bytes[2] & 0x3F;
+using Pair = std::array<char, 2>;
+using PairTable = std::array<Pair, 4096>;
+
+/// The two characters for each value of twelve bits. Looked up two by two they take two thirds of the time that
+/// the iterator needs for each.
+PairTable makePairTable() {
+    using Characters = boost::archive::iterators::base64_from_binary<std::uint8_t const*>;
+    PairTable table;
+    for (std::size_t value = 0; value < table.size(); ++value) {
+        std::array<std::uint8_t, 2> const halves{static_cast<std::uint8_t>(value >> 6),
+                                                 static_cast<std::uint8_t>(value & 0x3F)};
+        std::copy_n(Characters(halves.data()), halves.size(), table[value].begin());
     }
-    if (count > 0) {
-        std::uint8_t const second = count == 2 ? bytes[1] : 0;
-        *next++ = bytes[0] >> 2;
-        *next++ = static_cast<std::uint8_t>((bytes[0] & 0x03) << 4 | second >> 4);
-        if (count == 2)
-            *next++ = static_cast<std::uint8_t>((second & 0x0F) << 2);
-    }
-    return static_cast<std::size_t>(next - values);
+    return table;
+}
+
+/// Writes the four characters of a group of three bytes, and returns where they end.
+inline char* encodeGroup(PairTable const& pairs, std::uint8_t const* bytes, char* out) {
+    auto const bits = static_cast<std::uint32_t>(bytes[0] << 16 | bytes[1] << 8 | bytes[2]);
+    std::memcpy(out, pairs[bits >> 12].data(), 2);
+    std::memcpy(out + 2, pairs[bits & 0xFFF].data(), 2);
+    return out + 4;
 }
 
 void appendLine(std::uint8_t const* bytes, std::size_t count, std::string& text) {
-    using Characters = boost::archive::iterators::base64_from_binary<std::uint8_t const*>;
-    std::array<std::uint8_t, LineCharacters> values;
-    auto const valueCount = regroup(bytes, count, values.data());
+    static PairTable const pairs = makePairTable();
     std::array<char, LineCharacters> line;
-    line.fill('=');
-    std::copy(Characters(values.data()), Characters(values.data() + valueCount), line.data());
-    text.append(line.data(), (valueCount + 3) / 4 * 4);
+    auto* end = line.data();
+    for (; count >= 3; bytes += 3, count -= 3)
+        end = encodeGroup(pairs, bytes, end);
+    if (count > 0) {
+        std::array<std::uint8_t, 3> last{}; // filled up with zero bits
+        std::copy_n(bytes, count, last.begin());
+        end = encodeGroup(pairs, last.data(), end);
+        std::fill(end - (3 - count), end, '=');
+    }
+    text.append(line.data(), static_cast<std::size_t>(end - line.data()));
 }
 
 /// The next block in lines with an LF before each but the very first of the stream; empty at its end.
