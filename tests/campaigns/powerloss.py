@@ -57,7 +57,7 @@ class Replay:
         arguments = re.sub(r"\[.*\]", lambda found: found.group().replace(", ", ","), text).split(", ")
         method = getattr(self, "_" + name, None)
         if method is None:
-            raise Violation(f"the model knows no {name}: {line[:200]}")
+            raise Violation(f"the model knows no {name}")
         return bool(method(arguments, int(result, 0)))
 
     def _path(self, text: str, descriptor: str = "AT_FDCWD") -> str:
@@ -170,6 +170,10 @@ def bytes_of(text: str) -> bytes:
     return b"".join(bytes.fromhex(found.replace("\\x", "")) for found in TEXT.findall(text))
 
 
+def readable(line: str) -> str:
+    return TEXT.sub(lambda found: repr(bytes_of(found.group())[:200].decode(errors="replace")), line)
+
+
 class Expectation(NamedTuple):
     """What a replaced file and its backup are before and after; absolute paths."""
 
@@ -204,15 +208,15 @@ def replay(place: Workplace, lines: list[str], choice: random.Random) -> Counter
     disk = Disk(expectation.before, choice)
     replayed = Replay(disk, str(place.folder))
     counts = Counter({"scenarios": 1})
-    for number, line in enumerate(lines):
+    for number, line in enumerate([*lines, "success was reported"]):
         try:
-            if replayed.do(line):
+            is_finished = number == len(lines)
+            if replayed.do(line) or is_finished:
                 counts["moments"] += 1
-                counts["states of the disk"] += expectation.judge(disk, False)
+                counts["states of the disk"] += expectation.judge(disk, is_finished)
         except Violation as violation:
-            raise Violation(f"{place.scenario.name}, power lost after call {number} of the run, {line[:200]}: "
-                            f"{violation}") from None
-    counts["states of the disk"] += expectation.judge(disk, True)
+            raise Violation(f"{place.scenario.name}, power lost after call {number} of the run: {violation}\n"
+                            f"  the call was: {readable(line)}") from None
     for path, content in expectation.after.items():
         file = disk.file(path)
         if file is None or file.current != content:
