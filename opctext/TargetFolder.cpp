@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -66,7 +67,7 @@ TargetFolder::File::File(TargetFolder const& target, std::string const& name, Ov
     }
 
     // A file that is to replace another is written under a name of its own, so that the other is whole until then.
-    auto writtenName = overwrite == Overwrite::Yes ? fmt::format(".opctext-{}.tmp", ::getpid()) : name_;
+    auto writtenName = overwrite == Overwrite::Yes ? fmt::format(".opctext-{:08x}.tmp", std::random_device()()) : name_;
     constexpr int NewFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     file_ = OwnedDescriptor(::openat(folder_.get(), writtenName.c_str(), NewFileFlags, 0666));
     if (file_.get() == -1)

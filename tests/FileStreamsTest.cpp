@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,9 @@
 #include <streambuf>
 #include <string>
 #include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 
@@ -45,6 +49,9 @@ std::string numberedText(std::size_t size) {
 
 /// How much is written at once, in bytes; the sizes straddle that of a stream's buffer.
 std::vector<std::size_t> const chunkSizes = {1, 7, 4096, Buffer - 1, Buffer, Buffer + 1, 200000};
+
+/// The errno value that close(2) fails with, having closed the file; 0: none.
+int closeError = 0;
 
 /// Gives so many bytes and then throws, as an input stream on a bad disk does.
 class FailingSource : public std::streambuf {
@@ -440,6 +447,30 @@ TEST_F(OutputStreams, GiveBackWhatTheFileHeldWhenAppendingFails) {
     }
 
     EXPECT_EQ(folder.read("file"), "old");
+}
+
+TEST_F(OutputStreams, RemoveAFileOfWhichTheSystemSaysOnlyInTheEndThatItIsNotWhole) {
+    for (int const error : {EIO, ENOSPC}) {
+        auto stream = openedToWrite("file");
+        *stream << "content" << std::flush;
+
+        closeError = error;
+        stream.reset();
+        closeError = 0;
+
+        EXPECT_THAT(folder.entries(), IsEmpty()) << error;
+    }
+}
+
+TEST_F(OutputStreams, KeepAFileThatWasClosedInSpiteOfASignal) {
+    auto stream = openedToWrite("file");
+    *stream << "content" << std::flush;
+
+    closeError = EINTR;
+    stream.reset();
+    closeError = 0;
+
+    EXPECT_EQ(folder.read("file"), "content");
 }
 
 TEST_F(OutputStreams, MakeAMissingFileWhenOpenedToAppend) {
@@ -845,3 +876,12 @@ TEST_F(OutputStreams, LeaveNoHalfFileBehindALinkEither) {
 }
 
 } // namespace
+
+/// Stands before the C library's function of the same name, for shared libraries too.
+extern "C" __attribute__((visibility("default"))) int close(int descriptor) {
+    auto const result = static_cast<int>(::syscall(SYS_close, descriptor));
+    if (closeError == 0)
+        return result;
+    errno = closeError;
+    return -1;
+}

@@ -361,4 +361,17 @@ TEST_P(OpctextExtractCorpus, WritesTheSameAsCat) {
     EXPECT_THAT(run(words), succeeds(contents));
 }
 
+TEST_F(OpctextExtract, OverwritesBesideWhatAKilledProcessOfTheSameNumberLeft) {
+    writePackage();
+    folder.write("out/a.xml", "old");
+    auto const script = "touch out/.opctext-$$.tmp; exec " OPCTEXT_PROGRAM " extract p.txt /a.xml -f -C out";
+    ProgramCall call;
+    call.words = {"sh", "-c", script};
+    call.folder = folder.path();
+
+    EXPECT_THAT(testsupport::RunningProgram(call).wait(), succeeds());
+
+    EXPECT_EQ(folder.read("out/a.xml"), "<a/>");
+}
+
 } // namespace
