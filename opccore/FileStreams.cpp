@@ -120,10 +120,9 @@ public:
     }
 
 protected:
+    /// Called with a character only: nobody else than the public functions of the base class can call it.
     int_type overflow(int_type character) override {
         writeBlock();
-        if (traits_type::eq_int_type(character, traits_type::eof()))
-            return traits_type::not_eof(character);
         return sputc(traits_type::to_char_type(character));
     }
 
@@ -208,10 +207,11 @@ private:
         bool const isStillThere = now && now->st_dev == status_.st_dev && now->st_ino == status_.st_ino;
         if (!isStillThere || !S_ISREG(status_.st_mode))
             return;
-        if (status_.st_size == 0)
+        if (status_.st_size == 0) {
             removeFile(path);
-        else if (::truncate(path.c_str(), status_.st_size) == -1)
-            return; // nothing more can be done
+        } else {
+            [[maybe_unused]] auto const refused = ::truncate(path.c_str(), status_.st_size);
+        }
     }
 
     struct stat status_; // when it was opened, and emptied if it was to be

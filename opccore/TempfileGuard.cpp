@@ -14,8 +14,9 @@ TempfileGuard::TempfileGuard(std::u16string const& folder, std::u16string const&
     if ((prefix + suffix).find_first_of(u"/\0", 0, 2) != std::u16string::npos)
         throw Exception("Could not create temporary file \"" + toUDEString(fileName_) +
                         "\": its name holds a \"/\" or a NUL");
+    nativeName_ = detail::makeNativePath(fileName_);
     try {
-        detail::FileDescriptor(detail::makeNativePath(fileName_), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+        detail::FileDescriptor(nativeName_, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
     } catch (Exception const& failure) {
         throw Exception("Could not create temporary file \"" + toUDEString(fileName_) +
                             "\": " + failure.code().message(),
@@ -24,11 +25,7 @@ TempfileGuard::TempfileGuard(std::u16string const& folder, std::u16string const&
 }
 
 TempfileGuard::~TempfileGuard() {
-    try {
-        detail::removeFile(detail::makeNativePath(fileName_));
-    } catch (...) {
-        // Nobody is left to be told.
-    }
+    detail::removeFile(nativeName_); // where that fails, nobody is left to be told
 }
 
 std::u16string TempfileGuard::getFileName() const {

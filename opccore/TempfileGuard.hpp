@@ -25,6 +25,7 @@ public:
 
 private:
     std::u16string fileName_;
+    std::string nativeName_; // made at once: removing the file needs no memory
 };
 
 } // namespace opc::util

@@ -195,6 +195,14 @@ TEST_F(FilePartTest, HasATemporaryFileUnderEachRootWithLongComponentsCut) {
     }
 }
 
+TEST_F(FilePartTest, HasARelativeExtractedPathWhereNothingIsExtracted) {
+    open(OpenMode::Create);
+    auto const& part = addPart(package, u"/folder/part.xml", u"application/xml", "<p/>");
+
+    EXPECT_EQ(part.getExtractedFullPath(), u"folder/part.xml");
+    package.close(true);
+}
+
 TEST_F(FilePartTest, ReadsAndWritesPartsWhoseNamesAreLong) {
     for (auto const& name : {u"/" + std::u16string(600, u'n'), u"/" + std::u16string(251, u'n') + u"/b",
                              u"/" + std::u16string(600, u'\u20AC'), u"/" + std::u16string(250, u'\u20AC') + u"/b"}) {
@@ -486,6 +494,19 @@ TEST_F(FilePartTest, RefusesToHandOutAnOutputStreamThatHasFailed) {
     part.close();
     writeInto(part, "content");
     EXPECT_EQ(modifiedFiles(), (Tree{{"new.xml", "content"}}));
+}
+
+TEST_F(FilePartTest, HandsOutTheOutputStreamThatAWriterClosedAsItIs) {
+    open(OpenMode::ReadWrite);
+    auto* const closed = text().getOutputStream();
+    writeInto(text(), "<new/>");
+    closed->close();
+
+    auto* const again = text().getOutputStream();
+
+    EXPECT_EQ(again, closed);
+    EXPECT_TRUE(again->hasFailed());
+    EXPECT_EQ(modifiedFiles(), (Tree{{"a.xml", "<new/>"}}));
 }
 
 TEST_F(FilePartTest, StaysAsItIsWhenItsOutputFileCannotBeOpened) {

@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <istream>
@@ -10,12 +11,13 @@
 #include <string>
 #include <vector>
 
-#include <sys/syscall.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
 #include <opccore/LocalFileSystemOps.hpp>
+#include <tests/support/CloseWatch.hpp>
 #include <tests/support/FileSizeLimit.hpp>
 #include <tests/support/Permissions.hpp>
 #include <tests/support/TemporaryFolder.hpp>
@@ -29,6 +31,7 @@ using boost::system::error_code;
 using opc::StreamMode;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testsupport::CloseWatch;
 using testsupport::codeThrownBy;
 using testsupport::FileSizeLimit;
 using testsupport::throwsPackageError;
@@ -49,9 +52,6 @@ std::string numberedText(std::size_t size) {
 
 /// How much is written at once, in bytes; the sizes straddle that of a stream's buffer.
 std::vector<std::size_t> const chunkSizes = {1, 7, 4096, Buffer - 1, Buffer, Buffer + 1, 200000};
-
-/// The errno value that close(2) fails with, having closed the file; 0: none.
-int closeError = 0;
 
 /// Gives so many bytes and then throws, as an input stream on a bad disk does.
 class FailingSource : public std::streambuf {
@@ -449,30 +449,6 @@ TEST_F(OutputStreams, GiveBackWhatTheFileHeldWhenAppendingFails) {
     EXPECT_EQ(folder.read("file"), "old");
 }
 
-TEST_F(OutputStreams, RemoveAFileOfWhichTheSystemSaysOnlyInTheEndThatItIsNotWhole) {
-    for (int const error : {EIO, ENOSPC}) {
-        auto stream = openedToWrite("file");
-        *stream << "content" << std::flush;
-
-        closeError = error;
-        stream.reset();
-        closeError = 0;
-
-        EXPECT_THAT(folder.entries(), IsEmpty()) << error;
-    }
-}
-
-TEST_F(OutputStreams, KeepAFileThatWasClosedInSpiteOfASignal) {
-    auto stream = openedToWrite("file");
-    *stream << "content" << std::flush;
-
-    closeError = EINTR;
-    stream.reset();
-    closeError = 0;
-
-    EXPECT_EQ(folder.read("file"), "content");
-}
-
 TEST_F(OutputStreams, MakeAMissingFileWhenOpenedToAppend) {
     *openedToWrite("file", WritePart | StreamMode::App) << "new";
 
@@ -848,6 +824,82 @@ TEST_F(OutputStreams, LeaveAFileAloneThatSomebodyElsePutInThePlaceOfTheirs) {
     EXPECT_EQ(folder.read("file"), "somebody else's");
 }
 
+TEST_F(OutputStreams, LeaveAFileAloneThatStandsWhereTheirLinkedFolderLeadsNow) {
+    std::string other = "/dev/shm/textpackage_test_XXXXXX";
+    if (::mkdtemp(other.data()) == nullptr)
+        GTEST_SKIP() << "there is no /dev/shm to write to";
+    struct stat here {};
+    struct stat there {};
+    ASSERT_EQ(::stat(folder.path().c_str(), &here), 0);
+    ASSERT_EQ(::stat(other.c_str(), &there), 0);
+    std::ofstream(other + "/file") << "somebody else's, on another file system";
+    fs::create_directory(folder / "real");
+    fs::create_symlink("real", folder / "link");
+    auto out = openedToWriteReporting("link/file");
+    {
+        FileSizeLimit const limit(3);
+        *out << "content" << std::flush;
+    }
+    fs::remove(folder / "link");
+    fs::create_symlink(other, folder / "link");
+
+    out.reset();
+
+    EXPECT_EQ(folder.read("link/file"), "somebody else's, on another file system");
+    fs::remove_all(other);
+    if (here.st_dev == there.st_dev)
+        GTEST_SKIP() << "the temporary folder lies on /dev/shm as well";
+}
+
+TEST_F(OutputStreams, EndQuietlyWhenAFileStandsInThePlaceOfTheirFolder) {
+    fs::create_directory(folder / "inner");
+    auto out = openedToWriteReporting("inner/file");
+    {
+        FileSizeLimit const limit(3);
+        *out << "content" << std::flush;
+    }
+    fs::remove_all(folder / "inner");
+    folder.write("inner", "somebody else's");
+
+    EXPECT_NO_THROW(out.reset());
+
+    EXPECT_EQ(folder.read("inner"), "somebody else's");
+}
+
+// A network file system may tell no earlier than when a file is closed that it could not be written.
+TEST_F(OutputStreams, RemoveAFileThatCouldNotBeClosed) {
+    for (bool const throwing : {true, false}) {
+        auto out = throwing ? openedToWrite("file") : openedToWriteReporting("file");
+        *out << "content" << std::flush;
+        CloseWatch const watch([&](std::string const& path) { return path == folder / "file" ? EIO : 0; });
+
+        out.reset();
+
+        EXPECT_THAT(folder.entries(), IsEmpty());
+    }
+}
+
+TEST_F(OutputStreams, CutAFileBackThatCouldNotBeClosedAfterAppending) {
+    folder.write("file", "before");
+    auto out = openedToWrite("file", WritePart | StreamMode::App);
+    *out << " and after" << std::flush;
+    CloseWatch const watch([&](std::string const& path) { return path == folder / "file" ? ENOSPC : 0; });
+
+    out.reset();
+
+    EXPECT_EQ(folder.read("file"), "before");
+}
+
+TEST_F(OutputStreams, KeepAFileThatASignalInterruptedTheClosingOf) {
+    auto out = openedToWrite("file");
+    *out << "content";
+    CloseWatch const watch([&](std::string const& path) { return path == folder / "file" ? EINTR : 0; });
+
+    out.reset();
+
+    EXPECT_EQ(folder.read("file"), "content");
+}
+
 TEST_F(OutputStreams, EndQuietlyWhenTheirFileIsGone) {
     auto out = openedToWriteReporting("file");
     {
@@ -876,12 +928,3 @@ TEST_F(OutputStreams, LeaveNoHalfFileBehindALinkEither) {
 }
 
 } // namespace
-
-/// Stands before the C library's function of the same name, for shared libraries too.
-extern "C" __attribute__((visibility("default"))) int close(int descriptor) {
-    auto const result = static_cast<int>(::syscall(SYS_close, descriptor));
-    if (closeError == 0)
-        return result;
-    errno = closeError;
-    return -1;
-}

@@ -17,6 +17,7 @@
 #include <opccore/CommitOptions.hpp>
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
+#include <tests/support/CloseWatch.hpp>
 #include <tests/support/FileSizeLimit.hpp>
 #include <tests/support/Permissions.hpp>
 #include <tests/support/TemporaryFolder.hpp>
@@ -43,6 +44,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 using testing::ThrowsMessage;
+using testsupport::CloseWatch;
 using testsupport::codeThrownBy;
 using testsupport::FileSizeLimit;
 using testsupport::permissionsOf;
@@ -383,6 +385,18 @@ TEST_F(NormalizePath, RefusesALoopOfLinksAndNamesThePath) {
     EXPECT_EQ(codeThrownBy(normalize), errc::too_many_symbolic_link_levels);
 }
 
+TEST_F(NormalizePath, RefusesALinkToAPathThatIsNoUtf8AndSaysWhy) {
+    for (std::string const name : {"\xFF", "\xFFxyz", "\xED", "\xED\xA0", "\xED\x41\x80", "\xED\xA0\x41"}) {
+        makeFolder("odd/" + name);
+        makeLink("link to it", "odd/" + name);
+
+        EXPECT_THAT([&] { files.normalizePath(path("link to it")); },
+                    ThrowsMessage<opc::Exception>(StartsWith("Ill-formed UTF-8 at byte ")))
+            << testing::PrintToString(name);
+        fs::remove(folder / "link to it");
+    }
+}
+
 TEST_F(NormalizePath, KeepsLongNamesUsable) {
     auto const name = path("real") + u"/" + std::u16string(300, u'\u4E2D');
     files.createOutputStream(name, 20).reset();
@@ -392,6 +406,20 @@ TEST_F(NormalizePath, KeepsLongNamesUsable) {
     EXPECT_TRUE(files.isFile(normalized));
     EXPECT_EQ(opc::detail::makeNativePath(normalized),
               opc::detail::makeNativePath(canonical("real") + u"/" + std::u16string(300, u'\u4E2D')));
+}
+
+TEST_F(NormalizePath, KeepsEveryUnitAtTheBordersOfTheSurrogates) {
+    std::u16string const units{0xD7FF, 0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xE000};
+    makeFolder("units");
+    for (auto const first : units) {
+        for (auto const second : units) {
+            auto const name = canonical("units") + u"/" + std::u16string{u'a', first, second, u'z'};
+            files.createOutputStream(name, 20).reset();
+
+            EXPECT_EQ(files.normalizePath(name), name) << std::hex << unsigned{first} << ' ' << unsigned{second};
+        }
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder / "units"), {}), 36);
 }
 
 TEST_F(NormalizePath, KeepsALoneSurrogate) {
@@ -753,6 +781,26 @@ TEST_P(Copy, LeavesNoDestinationWhenALargeOneFails) {
         EXPECT_EQ(code, errc::file_too_large) << room;
         EXPECT_THAT(folder.entries(), ElementsAre("from")) << room;
     }
+}
+
+TEST_F(Copy, ToFailLeavesNoDestinationWhenItCannotBeClosed) {
+    folder.write("from", "content");
+    CloseWatch const watch([&](std::string const& closed) { return closed == native("to") ? EIO : 0; });
+    auto const copying = [&] { files.copy(path("from"), path("to"), ExistsMode::Fail); };
+
+    EXPECT_THAT(copying, throwsPackageError("Could not close \"" + native("to") + "\": Input/output error"));
+    EXPECT_EQ(codeThrownBy(copying), errc::io_error);
+
+    EXPECT_THAT(folder.entries(), ElementsAre("from"));
+}
+
+TEST_F(Copy, ToFailTakesAnInterruptedCloseForDone) {
+    folder.write("from", "content");
+    CloseWatch const watch([&](std::string const& closed) { return closed == native("to") ? EINTR : 0; });
+
+    files.copy(path("from"), path("to"), ExistsMode::Fail);
+
+    EXPECT_EQ(folder.read("to"), "content");
 }
 
 TEST_P(Copy, SucceedsWhereThereIsJustEnoughRoom) {

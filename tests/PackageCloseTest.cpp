@@ -148,6 +148,20 @@ TEST_F(PackageClose, LeavesOtherFilesInTheTemporaryAreaAlone) {
     fs::remove(temporaryPaths().front());
 }
 
+TEST_F(PackageClose, EndsQuietlyWhereTheTemporaryAreaCannotBeExaminedAnyMore) {
+    fs::create_directory(folder / "area");
+    ::setenv("TMPDIR", (folder / "area").c_str(), 1); // until the fixture sets it back
+    TextFilePhysicalPackage package(writePackage());
+    package.open(OpenMode::ReadWrite);
+    fs::rename(folder / "area", folder / "moved");
+    fs::create_symlink("area", folder / "area"); // a loop
+
+    EXPECT_NO_THROW(package.close(true));
+
+    expectClosedWithNothingLeft(package);
+    EXPECT_EQ(packageFile(), packageText(openingParts()));
+}
+
 TEST_F(PackageClose, FollowsNoLinkThatSomebodyPutIntoItsFolders) {
     folder.write("precious/file", "content");
     TextFilePhysicalPackage package(writePackage());

@@ -182,6 +182,17 @@ TEST_F(PackageWithHostileParts, KeepsItsWorkingCopyWhateverAPartIsCalled) {
     }
 }
 
+TEST_F(PackageWithHostileParts, LeavesAPartAloneWhoseNameOnlyBeginsLikeThatOfTheWorkingCopy) {
+    TextFilePhysicalPackage package(writeHostile({{"/_zkopc_packageCopy.txt2", "AAEC", true}}));
+    package.open(OpenMode::Read);
+
+    EXPECT_EQ(contentOf(package, u"/_zkopc_packageCopy.txt2"), std::string("\0\1\2", 3));
+
+    EXPECT_EQ(treeOf(toNativePath(package.getExtractedPackageRoot())),
+              (Tree{{"_zkopc_packageCopy.txt", packageFile()}, {"_zkopc_packageCopy.txt2", std::string("\0\1\2", 3)}}));
+    expectGoodPartsReadable(package);
+}
+
 TEST_F(PackageWithHostileParts, KeepsItsWorkingCopyWhenAPartOfThatNameIsExtracted) {
     TextFilePhysicalPackage package(writeHostile({{WorkingCopy, "text of a part"}}));
     package.open(OpenMode::Read);

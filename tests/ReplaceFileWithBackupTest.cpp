@@ -405,6 +405,12 @@ protected:
         return status.st_uid;
     }
 
+    gid_t groupOf(std::string_view name) const {
+        struct stat status {};
+        EXPECT_EQ(::stat((folder / name).c_str(), &status), 0);
+        return status.st_gid;
+    }
+
     static constexpr uid_t Another = 65534;
 };
 
@@ -414,6 +420,15 @@ TEST_F(OwnedByAnother, AFileKeepsItsOwnerAndPermissionsWhenReplaced) {
     EXPECT_EQ(ownerOf("target"), Another);
     EXPECT_EQ(permissionsOf(folder / "target"), 0640U);
     EXPECT_EQ(ownerOf("target.bak"), Another);
+}
+
+TEST_F(OwnedByAnother, AFileKeepsItsGroupWhenOnlyThatIsAnother) {
+    ASSERT_EQ(::chown((folder / "target").c_str(), ::getuid(), Another), 0);
+
+    replace("target", "source", keepingBackup());
+
+    EXPECT_EQ(groupOf("target"), Another);
+    EXPECT_EQ(groupOf("target.bak"), Another);
 }
 
 TEST_F(OwnedByAnother, AFileDoesNotTakeItsSourceWithItWhenItIsNotReplaced) {
@@ -510,6 +525,31 @@ TEST_F(ReplaceFileWithBackup, RefusesAMissingSource) {
     EXPECT_THAT(folder.entries(), ElementsAre("target"));
 }
 
+TEST_F(ReplaceFileWithBackup, RefusesAMissingSourceInTheRootFolder) {
+    folder.write("no such file", "old");
+    opc::LocalFileSystemOps sourceFiles;
+    auto const replacing = [&] {
+        files.replaceFileWithBackup(folder.corePath("no such file"), sourceFiles, u"/no such file", {});
+    };
+
+    EXPECT_THAT(replacing, throwsPackageError("Could not open \"/no such file\": No such file or directory"));
+
+    EXPECT_EQ(folder.read("no such file"), "old");
+    EXPECT_THAT(folder.entries(), ElementsAre("no such file"));
+}
+
+TEST_F(ReplaceFileWithBackup, RefusesATargetBelowAFile) {
+    folder.write("source", "new");
+    folder.write("file", "somebody else's");
+    auto const replacing = [&] { replace("file/target", "source"); };
+
+    EXPECT_THAT(replacing, throwsPackageError("Could not examine \"" + native("file/target") + "\": Not a directory"));
+    EXPECT_EQ(codeThrownBy(replacing), errc::not_a_directory);
+
+    EXPECT_EQ(folder.read("source"), "new");
+    EXPECT_EQ(folder.read("file"), "somebody else's");
+}
+
 TEST_F(ReplaceFileWithBackup, RefusesAFolderAsItsSource) {
     folder.write("target", "old");
     folder.write("source/file", "content");
@@ -572,32 +612,57 @@ TEST_F(ReplaceFileWithBackup, RefusesAFolderThatMayNotBeWrittenTo) {
 
 // ------------------------------------------------------------------------------------------- sources from elsewhere
 
-TEST_F(ReplaceFileWithBackup, TakesASourceFromAnotherFileSystemOfTheSystem) {
-    std::string name = "/dev/shm/textpackage_test_XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr)
-        GTEST_SKIP() << "there is no /dev/shm to write to";
-    std::unique_ptr<std::string, void (*)(std::string*)> const other(&name,
-                                                                     [](std::string* path) { fs::remove_all(*path); });
-    struct stat here {};
-    struct stat there {};
-    ASSERT_EQ(::stat(folder.path().c_str(), &here), 0);
-    ASSERT_EQ(::stat(name.c_str(), &there), 0);
-    if (here.st_dev == there.st_dev)
-        GTEST_SKIP() << "the temporary folder lies on /dev/shm as well";
+/// A folder on another file system than the temporary folder.
+class OnAnotherFileSystem : public ReplaceFileWithBackup {
+protected:
+    void SetUp() override {
+        if (::mkdtemp(other.data()) == nullptr)
+            GTEST_SKIP() << "there is no /dev/shm to write to";
+        struct stat here {};
+        struct stat there {};
+        ASSERT_EQ(::stat(folder.path().c_str(), &here), 0);
+        ASSERT_EQ(::stat(other.c_str(), &there), 0);
+        if (here.st_dev == there.st_dev)
+            GTEST_SKIP() << "the temporary folder lies on /dev/shm as well";
+    }
+
+    ~OnAnotherFileSystem() override {
+        std::error_code ignored;
+        fs::remove_all(other, ignored);
+    }
+
+    std::string other = "/dev/shm/textpackage_test_XXXXXX";
+};
+
+TEST_F(OnAnotherFileSystem, ASourceIsTakenAndABackupKept) {
     opc::LocalFileSystemOps sourceFiles;
-    std::ofstream(name + "/source") << "new";
+    std::ofstream(other + "/source") << "new";
     folder.write("target", "old");
     setPermissions("target", 0640);
-    auto options = keepingBackup(toCorePath(name + "/backup"));
+    auto options = keepingBackup(toCorePath(other + "/backup"));
 
-    files.replaceFileWithBackup(folder.corePath("target"), sourceFiles, toCorePath(name + "/source"), options);
+    files.replaceFileWithBackup(folder.corePath("target"), sourceFiles, toCorePath(other + "/source"), options);
 
     EXPECT_EQ(folder.read("target"), "new");
     EXPECT_EQ(permissionsOf(folder / "target"), 0640U);
     EXPECT_THAT(folder.entries(), ElementsAre("target"));
-    EXPECT_EQ(testsupport::readFile(name + "/backup"), "old");
-    EXPECT_EQ(permissionsOf(name + "/backup"), 0640U);
-    EXPECT_EQ(std::distance(fs::directory_iterator(name), {}), 1);
+    EXPECT_EQ(testsupport::readFile(other + "/backup"), "old");
+    EXPECT_EQ(permissionsOf(other + "/backup"), 0640U);
+    EXPECT_EQ(std::distance(fs::directory_iterator(other), {}), 1);
+}
+
+TEST_F(OnAnotherFileSystem, ASourceAndABackupMayHaveTheNameOfTheTarget) {
+    opc::LocalFileSystemOps sourceFiles;
+    std::ofstream(other + "/target") << "new";
+    fs::create_directory(other + "/backups");
+    folder.write("target", "old");
+
+    files.replaceFileWithBackup(folder.corePath("target"), sourceFiles, toCorePath(other + "/target"),
+                                keepingBackup(toCorePath(other + "/backups/target")));
+
+    EXPECT_EQ(folder.read("target"), "new");
+    EXPECT_EQ(testsupport::readFile(other + "/backups/target"), "old");
+    EXPECT_FALSE(fs::exists(other + "/target"));
 }
 
 TEST_F(ReplaceFileWithBackup, TakesASourceFromAFileSystemOfTheHostsOwn) {
@@ -1038,6 +1103,17 @@ TEST_F(ReplaceFileWithBackup, SyncsTheBackupBeforeTheOldFileGivesWay) {
     }
 
     EXPECT_TRUE(backupFolderSynced);
+}
+
+TEST_F(ReplaceFileWithBackup, TakesAFileSystemThatKnowsNoSyncing) {
+    folder.write("source", "new");
+    folder.write("target", "old");
+    SyncWatch const watch([](std::string const&) { return EINVAL; });
+
+    replace("target", "source", keepingBackup());
+
+    EXPECT_EQ(folder.read("target"), "new");
+    EXPECT_EQ(folder.read("target.bak"), "old");
 }
 
 TEST_F(ReplaceFileWithBackup, LeavesTheOldFileWhenTheNewOneCannotBeSynced) {

@@ -57,8 +57,8 @@ std::u16string withComponentsCut(std::u16string const& path, std::size_t rootSiz
 }
 
 template <class Stream>
-void requireNotBad(Stream const* stream, char const* message) {
-    if (stream != nullptr && stream->isBad())
+void requireNotBad(Stream const& stream, char const* message) {
+    if (stream.isBad())
         throw Exception(message);
 }
 
@@ -89,7 +89,7 @@ interfaces::IPhysicalInputStream* FilePart::getInputStream() {
         decodeToTempFile();
     if (!inputStream_) {
         inputStream_ = package_.createFilePartInputStream(this, false);
-        requireNotBad(dynamic_cast<FileInputStream const*>(inputStream_.get()), "Input stream is in an invalid state");
+        requireNotBad(static_cast<FileInputStream const&>(*inputStream_), "Input stream is in an invalid state");
     }
     return inputStream_.get();
 }
@@ -97,7 +97,7 @@ interfaces::IPhysicalInputStream* FilePart::getInputStream() {
 interfaces::IPhysicalOutputStream* FilePart::getOutputStream() {
     if (!outputStream_)
         outputStream_ = package_.createFilePartOutputStream(this, true);
-    requireNotBad(dynamic_cast<FileOutputStream const*>(outputStream_.get()), "Output stream is in an invalid state");
+    requireNotBad(static_cast<FileOutputStream const&>(*outputStream_), "Output stream is in an invalid state");
     needFlush_ = false;
     isModified_ = true;
     return outputStream_.get();
@@ -176,7 +176,7 @@ interfaces::IPhysicalInputStream* FilePart::openBufferStream() {
     bufferStream_ =
         std::make_unique<BufferInputStream>(package_.getTextFileBuffer().getStreambuf(contentBegin_, contentEnd_));
     bufferStream_->open();
-    requireNotBad(bufferStream_.get(), "Input stream is in an invalid state");
+    requireNotBad(*bufferStream_, "Input stream is in an invalid state");
     return bufferStream_.get();
 }
 

@@ -26,7 +26,9 @@ public:
         static std::string const wanted = '\n' + std::string(PartScanner::markerBeginning);
         auto const* const found = static_cast<char const*>(
             ::memmem(text_.data() + nextBegin_, text_.size() - nextBegin_, wanted.data(), wanted.size()));
-        return found != nullptr && moveTo(static_cast<std::size_t>(found - text_.data()) + 1);
+        if (found == nullptr)
+            return false;
+        return moveTo(static_cast<std::size_t>(found - text_.data()) + 1);
     }
 
     std::string_view line() const { return text_.substr(begin_, end_ - begin_); }
