@@ -153,7 +153,7 @@ std::optional<struct stat> statusOfEntry(std::string const& path) {
 
 std::string followLinks(std::string path) {
     constexpr int MostLinks = 40; // as many as the kernel follows
-    for (int links = 0; links < MostLinks; ++links) {
+    for (int links = 0; links <= MostLinks; ++links) {
         std::array<char, PATH_MAX> target;
         auto const size = ::readlink(path.c_str(), target.data(), target.size());
         if (size == -1)

@@ -422,6 +422,15 @@ TEST_F(OwnedByAnother, AFileKeepsItsOwnerAndPermissionsWhenReplaced) {
     EXPECT_EQ(ownerOf("target.bak"), Another);
 }
 
+TEST_F(OwnedByAnother, AFileKeepsItsUserWhenOnlyThatIsAnother) {
+    ASSERT_EQ(::chown((folder / "target").c_str(), Another, ::getgid()), 0);
+
+    replace("target", "source", keepingBackup());
+
+    EXPECT_EQ(ownerOf("target"), Another);
+    EXPECT_EQ(ownerOf("target.bak"), Another);
+}
+
 TEST_F(OwnedByAnother, AFileKeepsItsGroupWhenOnlyThatIsAnother) {
     ASSERT_EQ(::chown((folder / "target").c_str(), ::getuid(), Another), 0);
 
@@ -481,6 +490,21 @@ TEST_F(ReplaceFileWithBackup, MakesTheFileThatADanglingLinkLeadsTo) {
     EXPECT_TRUE(fs::is_symlink(folder / "link"));
     EXPECT_EQ(folder.read("real/file"), "new");
     EXPECT_THAT(folder.entries(), ElementsAre("link", "real"));
+}
+
+TEST_F(ReplaceFileWithBackup, FollowsAsManyLinksAsTheSystemDoes) {
+    folder.write("link 0", "old");
+    for (int i = 1; i <= 41; ++i)
+        makeLink("link " + std::to_string(i), "link " + std::to_string(i - 1));
+    folder.write("source", "new");
+    ASSERT_TRUE(files.isFile(folder.corePath("link 40")));
+    ASSERT_EQ(codeThrownBy([&] { files.isFile(folder.corePath("link 41")); }), errc::too_many_symbolic_link_levels);
+
+    EXPECT_EQ(codeThrownBy([&] { replace("link 41", "source"); }), errc::too_many_symbolic_link_levels);
+    EXPECT_EQ(folder.read("link 0"), "old");
+    replace("link 40", "source");
+
+    EXPECT_EQ(folder.read("link 0"), "new");
 }
 
 TEST_F(ReplaceFileWithBackup, RefusesALoopOfLinks) {
