@@ -19,9 +19,9 @@ int caselessCompare(std::u16string const& first, std::u16string const& second) {
         if (difference != 0)
             return difference;
     }
-    if (first.size() == second.size())
-        return 0;
-    return first.size() < second.size() ? -1 : 1;
+    if (first.size() < second.size())
+        return -1;
+    return first.size() > second.size() ? 1 : 0;
 }
 
 } // namespace opc

@@ -161,7 +161,8 @@ TEST_F(AppendPath, TakesLongNamesThatNoShortenedOneHas) {
 
     for (auto const& name :
          {std::u16string(255, u'a'), head + u"~" + std::u16string(36, u'g'), head + u"-" + std::u16string(36, u'0'),
-          u"~"s + std::u16string(36, u'0'), std::u16string(100, u'a') + u"~" + std::u16string(36, u'0')})
+          u"~"s + std::u16string(36, u'0'), std::u16string(100, u'a') + u"~" + std::u16string(36, u'0'),
+          std::u16string(214, u'a') + u"~" + std::u16string(36, u'0')}) // one byte too short
         EXPECT_EQ(files.appendPath(u"/x", name), u"/x/" + name);
 }
 

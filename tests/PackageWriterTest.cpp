@@ -195,6 +195,20 @@ TEST_F(PackageWriter, WritesBothOfTwoPartsWhoseNamesDifferOnlyInCase) {
     EXPECT_THAT(orderOf({u"/a", u"/A"}), IsSupersetOf({"/a", "/A"}));
 }
 
+TEST_F(PackageWriter, WritesEachOfManyPartsWhoseNamesDifferOnlyInCase) {
+    std::vector<std::u16string> names;
+    std::vector<std::string> expected{"/[Content_Types].xml"};
+    for (unsigned capitals = 0; capitals < 64; ++capitals) {
+        std::u16string name = u"/abcdef";
+        for (std::size_t i = 0; i < 6; ++i)
+            name[i + 1] = static_cast<char16_t>(name[i + 1] - ((capitals >> i & 1) != 0 ? u'a' - u'A' : 0));
+        names.push_back(name);
+        expected.push_back(opc::detail::toUTF8String(name, true));
+    }
+
+    EXPECT_THAT(orderOf(names), ::testing::UnorderedElementsAreArray(expected));
+}
+
 TEST_F(PackageWriter, PutsChangedAndStoredPartsIntoOneOrder) {
     TextFilePhysicalPackage package(writePackage({{"/c.xml", "c"}, {"/e.xml", "e"}}));
     package.open(OpenMode::ReadWrite);

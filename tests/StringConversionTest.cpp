@@ -171,6 +171,8 @@ TEST(StringConversion, RefusesWhatLiesBeyondTheLastPlane) {
 TEST(StringConversion, CutsALongTextInItsMessage) {
     EXPECT_THAT([] { toString(std::string(300, 'x') + '\xFF', true); },
                 throwsPackageError("Ill-formed UTF-8 at byte 300 of \"" + std::string(200, 'x') + "\"..."));
+    EXPECT_THAT([] { toString(std::string(199, 'x') + '\xFF', true); },
+                throwsPackageError("Ill-formed UTF-8 at byte 199 of \"" + std::string(199, 'x') + "\uFFFD\""));
 }
 
 TEST(StringConversion, ShowsTheWholeTextInItsMessageThoughItHoldsNul) {
@@ -192,6 +194,10 @@ TEST(StringConversion, RefusesLoneSurrogatesAndReplacesThemWhereNotStrict) {
         {{u'a', 0xDBFF, u'b'}, "Ill-formed UTF-16 at unit 1 of \"a\uFFFDb\"", "a\uFFFDb"},
         {{u'a', u'b', 0xDC00}, "Ill-formed UTF-16 at unit 2 of \"ab\uFFFD\"", "ab\uFFFD"},
         {{0xDC00, 0xD800}, "Ill-formed UTF-16 at unit 0 of \"\uFFFD\uFFFD\"", "\uFFFD\uFFFD"},
+        {{0xDC00, 0xDC00}, "Ill-formed UTF-16 at unit 0 of \"\uFFFD\uFFFD\"", "\uFFFD\uFFFD"},
+        {{0xDBFF, 0xDBFF}, "Ill-formed UTF-16 at unit 0 of \"\uFFFD\uFFFD\"", "\uFFFD\uFFFD"},
+        {{0xDBFF, 0xE000}, "Ill-formed UTF-16 at unit 0 of \"\uFFFD\uE000\"", "\uFFFD\uE000"},
+        {{0xD7FF, 0xDC00}, "Ill-formed UTF-16 at unit 1 of \"\uD7FF\uFFFD\"", "\uD7FF\uFFFD"},
         {{0xD83D, 0xD83D, 0xDE00}, "Ill-formed UTF-16 at unit 0 of \"\uFFFD\U0001F600\"", "\uFFFD\U0001F600"},
         {{0xD83D, 0xDE00, 0xDE00}, "Ill-formed UTF-16 at unit 2 of \"\U0001F600\uFFFD\"", "\U0001F600\uFFFD"},
     };
@@ -219,6 +225,14 @@ TEST(MakeNativePath, IsThePathInUtf8) {
     EXPECT_EQ(makeNativePath(u""), "");
     EXPECT_EQ(makeNativePath(u"/"), "/");
     EXPECT_EQ(makeNativePath(u"/tmp/caf\u00E9/\u4E2D/\U0001F600.txt"), "/tmp/caf\u00E9/\u4E2D/\U0001F600.txt");
+}
+
+TEST(MakeNativePath, EncodesEveryPairOfSurrogatesAsOneCharacter) {
+    EXPECT_EQ(makeNativePath({0xD800, 0xDC00}), "\U00010000");
+    EXPECT_EQ(makeNativePath({0xD800, 0xDFFF}), "\U000103FF");
+    EXPECT_EQ(makeNativePath({0xDBFF, 0xDC00}), "\U0010FC00");
+    EXPECT_EQ(makeNativePath({0xDBFF, 0xDFFF}), "\U0010FFFF");
+    EXPECT_EQ(makeNativePath({0xD7FF, 0xE000}), "\uD7FF\uE000");
 }
 
 TEST(MakeNativePath, KeepsEverySeparator) {
