@@ -32,4 +32,8 @@ std::unique_ptr<std::streambuf> TextFileBuffer::getFullStreambuf() {
     return getStreambuf(0, mapping_.size());
 }
 
+std::string_view TextFileBuffer::content() const {
+    return {mapping_.data(), mapping_.size()};
+}
+
 } // namespace opc::textpackage

@@ -38,7 +38,7 @@ public:
     std::unique_ptr<std::streambuf> getFullStreambuf();
 
     /// The mapped bytes themselves.
-    std::string_view content() const { return {mapping_.data(), mapping_.size()}; }
+    std::string_view content() const;
 
 private:
     std::u16string path_;
