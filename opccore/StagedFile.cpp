@@ -121,8 +121,8 @@ void StagedFile::create(mode_t permissions) {
 
 void StagedFile::setPermissions(mode_t permissions) {
     bool const opensSource = linked_ && (permissions & PermissionBits & ~linked_->st_mode) != 0;
-    if (opensSource && !removableSource_.empty())
-        isSourceRemoved_ = removeFile(removableSource_) == 0;
+    if (opensSource)
+        isSourceRemoved_ = removeFile(removableSource_) == 0; // one that has to stay has no path here
     file_->setPermissions(permissions & PermissionBits);
 }
 

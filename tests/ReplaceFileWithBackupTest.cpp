@@ -1001,6 +1001,27 @@ TEST_F(ReplaceFileWithBackup, LeavesAllAsItWasWhenTheCallbackCancels) {
     }
 }
 
+TEST_F(ReplaceFileWithBackup, LosesNoContentWhenTheCallbackCancelsAndSomebodyTookThePlaceOfTheSource) {
+    folder.write("source", "new");
+    folder.write("target", "old");
+    setPermissions("source", 0600);
+    setPermissions("target", 0644);
+    auto const intrude = [&](auto const&) {
+        folder.write("source", "somebody else's");
+        throw std::runtime_error("the host says no");
+    };
+
+    EXPECT_THAT([&] { replace("target", "source", calling(intrude)); },
+                ThrowsMessage<std::runtime_error>("the host says no"));
+
+    EXPECT_EQ(folder.read("target"), "old");
+    EXPECT_EQ(folder.read("source"), "somebody else's");
+    std::vector<std::string> contents;
+    for (auto const& name : folder.entries())
+        contents.push_back(folder.read(name));
+    EXPECT_THAT(contents, testing::Contains("new"));
+}
+
 TEST_F(ReplaceFileWithBackup, MakesNoFileWhenTheCallbackCancels) {
     folder.write("source", "new");
     setPermissions("source", 0600);
