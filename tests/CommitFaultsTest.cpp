@@ -762,4 +762,27 @@ TEST_F(TracedCommit, LeavesABackupNoLaterThanTheNewFileWhenItIsKilled) {
         fs::remove_all(path);
 }
 
+TEST_F(TracedCommit, LeavesNothingWhereTheReplacementFailsAndOneRemovalDoesToo) {
+    auto const before = packageFile();
+    bool didARemovalFail = true;
+    for (int n = 1; didARemovalFail; ++n) {
+        auto const end = commit("rename,unlink", {"rename:error=EIO", "unlink:error=EIO:when=" + std::to_string(n)});
+
+        SCOPED_TRACE("removal " + std::to_string(n) + ": " + end.output + end.calls);
+        EXPECT_EQ(end.exitCode, 1);
+        EXPECT_EQ(packageFile(), before);
+        EXPECT_THAT(folder.entries(), ElementsAre("package.txt"));
+        EXPECT_THAT(temporaryArea.entries(), IsEmpty());
+
+        didARemovalFail = false;
+        std::istringstream lines(end.calls);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(" unlink(") != std::string::npos && line.find("(INJECTED)") != std::string::npos)
+                didARemovalFail = true;
+        }
+        EXPECT_TRUE(didARemovalFail || n > 1);
+        ASSERT_LT(n, 20);
+    }
+}
+
 } // namespace

@@ -203,7 +203,7 @@ def recorded_runs() -> list[TestRun]:
     if not RECORD.exists():
         return []
     known = json.loads(RECORD.read_text())
-    if known["depends_on"] != what_runs_depend_on():
+    if known.get("depends_on") != what_runs_depend_on():
         return []
     return [TestRun(Test(pathlib.Path(program), name), seconds, set(visited), on_disk)
             for program, name, seconds, visited, on_disk in known["runs"]]
