@@ -25,6 +25,7 @@ set(internal_headers
     RandomName.hpp
     StagedFile.hpp
     SystemError.hpp
+    removeTree.hpp
     Base64Encoder.hpp
     PartIndex.hpp
     PartScanner.hpp

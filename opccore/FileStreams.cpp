@@ -110,7 +110,8 @@ private:
 /// Writes a file in blocks. A failed write throws, and so does every later one: what follows a gap is worth nothing.
 class OutputFileBuffer final : public std::streambuf {
 public:
-    explicit OutputFileBuffer(FileDescriptor file) : file_(std::move(file)) { resetBlock(); }
+    /// Opens the file, or creates it; `flags` are those of open(2).
+    OutputFileBuffer(std::string const& path, int flags) : file_(path, flags, 0666) { resetBlock(); }
 
     FileDescriptor& file() { return file_; }
 
@@ -162,17 +163,17 @@ private:
 
     void resetBlock() { setp(block_.get(), block_.get() + BufferBytes); }
 
+    std::unique_ptr<char[]> block_ = newBlock(); // first: without memory for it no file may be emptied
     FileDescriptor file_;
-    std::unique_ptr<char[]> block_ = newBlock();
     bool incomplete_ = false; // a write failed
 };
 
 class OutputFileStream final : public std::ostream {
 public:
-    OutputFileStream(FileDescriptor file, OnWriteFailure onFailure)
+    OutputFileStream(std::string const& path, int flags, OnWriteFailure onFailure)
         : std::ostream(nullptr),
-          status_(file.status()),
-          buffer_(std::move(file)) {
+          buffer_(path, flags),
+          status_(buffer_.file().status()) {
         rdbuf(&buffer_);
         if (onFailure == OnWriteFailure::Throw)
             exceptions(std::ios_base::badbit | std::ios_base::failbit);
@@ -214,8 +215,8 @@ private:
         }
     }
 
-    struct stat status_; // when it was opened, and emptied if it was to be
     OutputFileBuffer buffer_;
+    struct stat status_; // when it was opened, and emptied if it was to be
 };
 
 } // namespace
@@ -228,8 +229,8 @@ std::shared_ptr<std::istream> openInputStream(std::string const& nativePath, boo
 }
 
 std::shared_ptr<std::ostream> openOutputStream(std::string const& nativePath, bool append, OnWriteFailure onFailure) {
-    FileDescriptor file(nativePath, O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC), 0666);
-    return std::make_shared<OutputFileStream>(std::move(file), onFailure);
+    int const flags = O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC);
+    return std::make_shared<OutputFileStream>(nativePath, flags, onFailure);
 }
 
 } // namespace opc::detail

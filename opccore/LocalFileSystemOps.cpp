@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@
 #include <opccore/StagedFile.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opccore/SystemError.hpp>
+#include <opccore/removeTree.hpp>
 
 namespace opc {
 
@@ -39,6 +41,9 @@ auto reportingTo(boost::system::error_code& code, Operation operation) -> declty
         return operation();
     } catch (Exception const& failure) {
         code = failure.code() ? failure.code() : detail::systemCode(EINVAL);
+        return decltype(operation())();
+    } catch (std::bad_alloc const&) {
+        code = detail::systemCode(ENOMEM);
         return decltype(operation())();
     }
 }
@@ -171,7 +176,9 @@ std::u16string LocalFileSystemOps::normalizePath(std::u16string const& path) con
         return path;
     auto const native = makeNativePath(path);
     std::error_code code;
-    auto const normalized = std::filesystem::weakly_canonical(std::filesystem::absolute(native, code), code);
+    auto normalized = std::filesystem::absolute(native, code);
+    if (!code)
+        normalized = std::filesystem::weakly_canonical(normalized, code);
     if (code)
         throwSystemError("Could not resolve", native, code.value());
     return detail::fromNativePath(normalized.native());
@@ -275,19 +282,7 @@ bool LocalFileSystemOps::remove(std::u16string const& path, boost::system::error
 }
 
 std::uintmax_t LocalFileSystemOps::removeAll(std::u16string const& path, boost::system::error_code& code) const {
-    return reportingTo(code, [&]() -> std::uintmax_t {
-        auto const native = makeNativePath(path);
-        std::error_code failure;
-        auto removed = std::filesystem::remove_all(native, failure);
-        // Once more before giving up: nobody comes back for what stays. An interruption is no failure at all.
-        for (bool isLastTry = false; failure && !isLastTry;) {
-            isLastTry = failure != std::errc::interrupted;
-            removed = std::filesystem::remove_all(native, failure);
-        }
-        if (failure)
-            throwSystemError("Could not remove", native, failure.value());
-        return removed;
-    });
+    return reportingTo(code, [&] { return detail::removeTree(makeNativePath(path)); });
 }
 
 } // namespace opc

@@ -1,6 +1,7 @@
 #include <opccore/TempfileGuard.hpp>
 
 #include <fcntl.h>
+
 #include <opccore/Exception.hpp>
 #include <opccore/FileDescriptor.hpp>
 #include <opccore/RandomName.hpp>

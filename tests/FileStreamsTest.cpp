@@ -18,6 +18,7 @@
 
 #include <opccore/LocalFileSystemOps.hpp>
 #include <tests/support/CloseWatch.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/FileSizeLimit.hpp>
 #include <tests/support/Permissions.hpp>
 #include <tests/support/TemporaryFolder.hpp>
@@ -31,6 +32,7 @@ using boost::system::error_code;
 using opc::StreamMode;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testsupport::attemptWithout;
 using testsupport::CloseWatch;
 using testsupport::codeThrownBy;
 using testsupport::FileSizeLimit;
@@ -415,6 +417,18 @@ TEST_F(OutputStreams, EmptyTheFileAtOnceWhateverModeTheyAreOpenedWithButToAppend
         auto const out = openedToWrite("file", mode);
 
         EXPECT_EQ(folder.read("file"), "") << mode;
+    }
+}
+
+TEST_F(OutputStreams, LeaveTheFileAsItWasWithoutMemoryForThem) {
+    for (std::size_t number = 0;; ++number) {
+        auto const path = folder.write("file", "content");
+
+        auto const attempt = attemptWithout(number, [&] { files.createOutputStream(path, WritePart); });
+
+        EXPECT_EQ(folder.read("file"), attempt.failed ? "content" : "") << number;
+        if (!attempt.ranOutOfMemory)
+            break;
     }
 }
 

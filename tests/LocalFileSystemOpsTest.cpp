@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
 #include <tests/support/CloseWatch.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/FileSizeLimit.hpp>
 #include <tests/support/Permissions.hpp>
 #include <tests/support/TemporaryFolder.hpp>
@@ -44,6 +46,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 using testing::ThrowsMessage;
+using testsupport::attemptWithout;
 using testsupport::CloseWatch;
 using testsupport::codeThrownBy;
 using testsupport::FileSizeLimit;
@@ -324,6 +327,18 @@ TEST_F(NormalizePath, LeavesACanonicalPathAsItIs) {
     EXPECT_EQ(files.normalizePath(canonical("real/file")), canonical("real/file"));
     EXPECT_EQ(files.normalizePath(canonical("real")), canonical("real"));
     EXPECT_EQ(files.normalizePath(u"/"), u"/");
+}
+
+TEST_F(NormalizePath, FailsForARelativePathWhereTheCurrentFolderIsGone) {
+    makeFolder("gone");
+    auto const earlier = fs::current_path();
+    fs::current_path(folder / "gone");
+    fs::remove(folder / "gone");
+
+    EXPECT_THAT([&] { files.normalizePath(u"package.txt"); },
+                ThrowsMessage<opc::Exception>(StartsWith("Could not resolve \"package.txt\": ")));
+
+    fs::current_path(earlier);
 }
 
 TEST_F(NormalizePath, LeavesAnEmptyPathEmpty) {
@@ -1041,6 +1056,50 @@ TEST_F(LocalFileSystemOps, RemovesNothingWithoutComplaintWhereThereIsNoTree) {
     EXPECT_EQ(files.removeAll(u"", code), 0U);
 
     EXPECT_THAT(folder.entries(), ElementsAre("file"));
+}
+
+TEST_F(LocalFileSystemOps, RemovesATreeOfAnyDepthWithFewDescriptors) {
+    auto deep = path("tree");
+    for (int level = 0; level < 1000; ++level)
+        deep += level % 2 == 0 ? u"/a" : u"/b";
+    files.createFolders(deep);
+    folder.write("tree/a/b/a/z", "content");
+    struct rlimit before {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    struct rlimit const few{256, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    error_code code;
+
+    EXPECT_EQ(files.removeAll(path("tree"), code), 1002U);
+
+    EXPECT_EQ(code, error_code());
+    EXPECT_THAT(folder.entries(), IsEmpty());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(LocalFileSystemOps, ReportsWantOfMemoryAsACode) {
+    auto const file = folder.write("file", "content");
+    auto const newFile = path("other");
+    auto const newFolder = path("new/folder");
+    auto const tree = path("tree");
+    folder.write("tree/inner/file", "content");
+    std::vector<std::function<void(error_code&)>> const calls{
+        [&](error_code& code) { files.createFolders(newFolder, code); },
+        [&](error_code& code) { files.createInputStream(file, 12, code); },
+        [&](error_code& code) { files.createOutputStream(newFile, 20, code); },
+        [&](error_code& code) { files.remove(file, code); },
+        [&](error_code& code) { files.removeAll(tree, code); },
+    };
+    for (auto const& call : calls) {
+        error_code code;
+        for (std::size_t number = 0;; ++number) {
+            auto const attempt = attemptWithout(number, [&] { call(code); });
+            EXPECT_FALSE(attempt.failed);
+            EXPECT_EQ(code, attempt.ranOutOfMemory ? systemCode(errc::not_enough_memory) : error_code()) << number;
+            if (!attempt.ranOutOfMemory)
+                break;
+        }
+    }
 }
 
 TEST_F(LocalFileSystemOps, ReportsATreeThatMayNotBeRemoved) {

@@ -13,6 +13,7 @@
 #include <opccore/LocalFileSystemOps.hpp>
 #include <opccore/StringConversion.hpp>
 #include <opccore/TempfileGuard.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/Permissions.hpp>
 #include <tests/support/TemporaryFolder.hpp>
 #include <tests/support/Throws.hpp>
@@ -217,6 +218,16 @@ TEST_F(TempfileGuardTest, RefusesANameThatHoldsNulAndSaysWhy) {
 
     EXPECT_THAT(messageThrownFor(folder.corePath(""), u"a" + nul, u"b"),
                 testing::AllOf(StartsWith("Could not create temporary file \""), HasSubstr("NUL")));
+
+    EXPECT_THAT(folder.entries(), IsEmpty());
+}
+
+TEST_F(TempfileGuardTest, RemovesItsFileWithoutMemory) {
+    auto guard = std::make_unique<TempfileGuard>(folder.corePath(""), u"a prefix of some length", u"");
+    {
+        testsupport::FailingAllocations const failing(0, testsupport::FailingAllocations::AllFromThere);
+        guard.reset();
+    }
 
     EXPECT_THAT(folder.entries(), IsEmpty());
 }
