@@ -20,6 +20,7 @@
 #include <opccore/IPhysicalInputStream.hpp>
 #include <opccore/IPhysicalOutputStream.hpp>
 #include <tests/support/Base64Lines.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/PackageFixture.hpp>
 #include <tests/support/Permissions.hpp>
 #include <tests/support/Throws.hpp>
@@ -40,6 +41,7 @@ using ::testing::StartsWith;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using testsupport::addPart;
+using testsupport::attemptWithout;
 using testsupport::base64Lines;
 using testsupport::contentOf;
 using testsupport::headerOfLines;
@@ -222,6 +224,26 @@ TEST_F(Commit, IsNotMadeByTheDestructor) {
 
     EXPECT_EQ(stampOf(folder / "package.txt"), before);
     EXPECT_THAT(temporaryArea.entries(), IsEmpty());
+}
+
+TEST_F(Commit, FailsWithTheOldFileInPlaceOrSucceedsWithTheNewOneWhereMemoryFails) {
+    writePackage({{"/b.bin", "AAECAwQ=", true}});
+    auto const before = packageFile();
+    commitAChange();
+    auto const after = packageFile();
+    for (std::size_t number = 0;; ++number) {
+        TextFilePhysicalPackage package(writePackage({{"/b.bin", "AAECAwQ=", true}}));
+        package.open(OpenMode::ReadWrite);
+        writeInto(partOf(package, u"/a.xml"), "<changed/>");
+
+        auto const attempt = attemptWithout(number, [&] { package.close(false); });
+
+        EXPECT_EQ(packageFile(), attempt.failed ? before : after) << number;
+        EXPECT_THAT(folder.entries(), ElementsAre("package.txt")) << number;
+        EXPECT_THAT(temporaryPaths(), IsEmpty()) << number;
+        if (!attempt.ranOutOfMemory)
+            break;
+    }
 }
 
 TEST_F(Commit, IsNotMadeByClosingAClosedPackage) {

@@ -10,6 +10,7 @@
 #include <opccore/Exception.hpp>
 #include <opccore/IPhysicalInputStream.hpp>
 #include <opccore/IPhysicalPartInfo.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/PackageFixture.hpp>
 #include <tests/support/Throws.hpp>
 #include <textpackage/FilePart.hpp>
@@ -27,6 +28,7 @@ using opc::textpackage::TextFilePhysicalPackage;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::addPart;
+using testsupport::attemptWithout;
 using testsupport::codeThrownBy;
 using testsupport::contentOf;
 using testsupport::namesIn;
@@ -220,6 +222,24 @@ TEST_F(CreatePart, WorksWithoutAnOpenPackageAndLeavesNothingBehind) {
 
     EXPECT_EQ(packageFile(), before);
     EXPECT_THAT(temporaryArea.entries(), IsEmpty());
+}
+
+TEST_F(CreatePart, LeavesTheEarlierPartWhereMemoryFailsForItsSuccessor) {
+    for (std::size_t number = 0;; ++number) {
+        TextFilePhysicalPackage own(writePackage());
+        own.open(OpenMode::ReadWrite);
+        auto& earlier = addPart(own, u"/a new part.xml", u"", "earlier");
+
+        auto const attempt =
+            attemptWithout(number, [&] { own.createPart(u"/a new part.xml", u"text/plain", FilePartInfo()); });
+
+        auto& now = partOf(own, u"/a new part.xml");
+        EXPECT_EQ(&now == &earlier, attempt.failed) << number;
+        EXPECT_EQ(earlier.getName(), u"/a new part.xml");
+        own.close(false);
+        if (!attempt.ranOutOfMemory)
+            break;
+    }
 }
 
 TEST_F(CreatePart, TrustsTheNameUntilTheCommitWhichFailsWholeWhereNoFileCanBeCalledSo) {

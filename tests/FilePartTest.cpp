@@ -13,6 +13,7 @@
 #include <opccore/Exception.hpp>
 #include <opccore/IPhysicalOutputStream.hpp>
 #include <opccore/StringConversion.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/FileSizeLimit.hpp>
 #include <tests/support/PackageFixture.hpp>
 
@@ -27,7 +28,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
+using ::testing::UnorderedElementsAre;
 using testsupport::addPart;
+using testsupport::attemptWithout;
 using testsupport::contentOf;
 using testsupport::namesIn;
 using testsupport::partOf;
@@ -86,6 +89,22 @@ TEST_F(FilePartTest, KeepsItsNameAndContentTypeAsGiven) {
 
     EXPECT_EQ(part.getName(), u"/Folder/\u00E4 part.XML");
     EXPECT_EQ(part.getContentType(), u"Application/XML");
+}
+
+TEST_F(FilePartTest, DecodesAWholePartOrFailsWhereMemoryFails) {
+    useBase64(std::string(76, 'A') + "\n" + std::string(76, 'A') + "\nAAAA");
+    for (std::size_t number = 0;; ++number) {
+        open(OpenMode::ReadWrite);
+        auto& part = binary();
+
+        auto const attempt = attemptWithout(number, [&] { part.getInputStream(); });
+
+        EXPECT_THAT(namesIn(package), UnorderedElementsAre("/_rels/.rels", "/a.xml", "/b.bin")) << number;
+        EXPECT_EQ(readAll(*part.getInputStream()), std::string(117, '\0')) << number;
+        package.close(true);
+        if (!attempt.ranOutOfMemory)
+            break;
+    }
 }
 
 TEST_F(FilePartTest, HasNoContentTypeWhenItWasReadFromAFile) {

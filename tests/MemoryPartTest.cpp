@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <opccore/Base64.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/PackageText.hpp>
 #include <textpackage/TextPackageLightweightReader.hpp>
 
@@ -15,6 +16,7 @@ using opc::textpackage::MemoryPart;
 using opc::textpackage::TextPackageLightweightReader;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
+using testsupport::attemptWithout;
 using testsupport::readAll;
 using Lines = std::vector<std::string>;
 
@@ -234,6 +236,34 @@ TEST_F(MemoryPartTest, MakesItsBytesOnceUnlessTheyAreEmpty) {
 
     EXPECT_EQ(readAll(*full->getInputStream()), "a");
     EXPECT_EQ(readAll(*empty->getInputStream()), "late");
+}
+
+TEST_F(MemoryPartTest, TakesNoLineInPartWhereMemoryFails) {
+    std::string const line(100, 'a');
+    for (std::size_t number = 0;; ++number) {
+        auto const part = textPart({"first"});
+
+        auto const attempt = attemptWithout(number, [&] { part->processLine(line); });
+        EXPECT_EQ(attempt.failed, attempt.ranOutOfMemory) << number;
+
+        if (!attempt.ranOutOfMemory)
+            break;
+    }
+}
+
+TEST_F(MemoryPartTest, DecodesFromTheBeginningAgainWhereMemoryFailed) {
+    auto const line = [](char c) { return std::string(76, c); };
+    auto const content = readAll(*binaryPart({line('A'), line('B'), line('C')})->getInputStream());
+    for (std::size_t number = 0;; ++number) {
+        auto const part = binaryPart({line('A'), line('B'), line('C')});
+
+        auto const attempt = attemptWithout(number, [&] { part->getInputStream(); });
+        EXPECT_EQ(attempt.failed, attempt.ranOutOfMemory) << number;
+        EXPECT_EQ(readAll(*part->getInputStream()), content) << number;
+
+        if (!attempt.ranOutOfMemory)
+            break;
+    }
 }
 
 TEST_F(MemoryPartTest, IsReadThroughTheInterface) {

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <opccore/IPhysicalOutputStream.hpp>
+#include <tests/support/FailingAllocations.hpp>
 #include <tests/support/PackageFixture.hpp>
 
 namespace fs = std::filesystem;
@@ -15,6 +16,7 @@ using opc::textpackage::TextFilePhysicalPackage;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::addPart;
+using testsupport::attemptWithout;
 using testsupport::CommitCounter;
 using testsupport::contentOf;
 using testsupport::expectClosedWithNothingLeft;
@@ -54,6 +56,35 @@ TEST_F(PackageClose, RemovesTheFoldersAndForgetsTheParts) {
             EXPECT_EQ(packageFile(), packageText(openingParts()));
         }
     }
+}
+
+TEST_F(PackageClose, LeavesNothingBehindWhereMemoryFailsOnce) {
+    for (std::size_t number = 0;; ++number) {
+        TextFilePhysicalPackage package(writePackage({{"/b.bin", "AAECAwQ=", true}}));
+        package.open(OpenMode::ReadWrite);
+        contentOf(package, u"/b.bin");
+        addPart(package, u"/folder/new.xml", u"", "new");
+
+        auto const attempt = attemptWithout(number, [&] { package.close(true); });
+
+        EXPECT_FALSE(attempt.failed) << number;
+        EXPECT_THAT(temporaryPaths(), IsEmpty()) << number;
+        if (!attempt.ranOutOfMemory)
+            break;
+    }
+}
+
+TEST_F(PackageClose, EndsEvenWhereThereIsNoMemoryAtAll) {
+    TextFilePhysicalPackage package(writePackage());
+    package.open(OpenMode::ReadWrite);
+    {
+        testsupport::FailingAllocations const failing(0, testsupport::FailingAllocations::AllFromThere);
+        package.close(true);
+    }
+
+    EXPECT_FALSE(package.isOpen());
+    for (auto const& left : temporaryPaths()) // for which there was no memory
+        fs::remove_all(left);
 }
 
 TEST_F(PackageClose, DoesNothingToAPackageThatIsClosed) {

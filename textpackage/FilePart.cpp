@@ -183,6 +183,7 @@ interfaces::IPhysicalInputStream* FilePart::openBufferStream() {
 void FilePart::decodeToTempFile() {
     auto const slice = package_.getTextFileBuffer().getStreambuf(contentBegin_, contentEnd_);
     std::istream lines(slice.get());
+    lines.exceptions(std::ios_base::badbit); // a line too long for the memory is not the end of the part
     auto const out = package_.createFilePartOutputStream(this, false);
     for (std::string line; std::getline(lines, line);) {
         auto const bytes = foundation::crypto::utils::base64Decode(line);

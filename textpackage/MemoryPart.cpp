@@ -52,13 +52,20 @@ MemoryPart::~MemoryPart() {
 
 std::string MemoryPart::decodeText() {
     std::string bytes;
-    while (decodedLength_ < text_.size()) {
-        auto const begin = decodedLength_;
-        auto const end = std::min(text_.find('\n', begin), text_.size());
-        decodedLength_ = end + 1; // before the line can turn out to be bad
-        auto const decoded = foundation::crypto::utils::base64Decode(text_.substr(begin, end - begin));
-        bytes.append(decoded.begin(), decoded.end());
+    auto next = decodedLength_;
+    try {
+        while (next < text_.size()) {
+            auto const end = std::min(text_.find('\n', next), text_.size());
+            auto const line = text_.substr(next, end - next);
+            next = end + 1;
+            auto const decoded = foundation::crypto::utils::base64Decode(line);
+            bytes.append(decoded.begin(), decoded.end());
+        }
+    } catch (foundation::crypto::utils::Exception const&) {
+        decodedLength_ = next; // behind the bad line: what stood before it is gone, and that is meant
+        throw;
     }
+    decodedLength_ = next;
     return bytes;
 }
 

@@ -167,6 +167,7 @@ void TextFilePhysicalPackage::openInput() {
 
     auto const buffer = textFileBuffer_->getFullStreambuf();
     std::istream stream(buffer.get());
+    stream.exceptions(std::ios_base::badbit); // a line too long for the memory is not the end of the file
     TextPackageHelpers::findPackageBeginMarker(stream, [this](std::string const& line) {
         auto converted = toString(line, true); // of any length: a file without a package may be a single line
         if (textFileHeader_.empty())
@@ -222,7 +223,7 @@ void TextFilePhysicalPackage::deletePart(std::u16string const& name) {
     if (entry == storedParts_.end())
         throw Exception("Part does not exist");
 
-    auto& part = retire(std::move(entry->second));
+    auto& part = retire(entry->second);
     storedParts_.erase(entry);
     part.close();
     if (!extractedPackageRoot_.empty()) {
@@ -233,7 +234,8 @@ void TextFilePhysicalPackage::deletePart(std::u16string const& name) {
 }
 
 void TextFilePhysicalPackage::setCommitOptions(CommitOptions const& options) {
-    commitOptions_ = options;
+    auto copy = options; // all of them, or none
+    commitOptions_ = std::move(copy);
 }
 
 void TextFilePhysicalPackage::setTextFileHeader(std::u16string const& header) {
@@ -383,11 +385,12 @@ void TextFilePhysicalPackage::addStoredParts(std::string_view text, std::uint64_
 void TextFilePhysicalPackage::put(Parts& parts, std::unique_ptr<FilePart> part) {
     auto& entry = parts[part->getName()];
     if (entry)
-        retire(std::move(entry));
+        retire(entry);
     entry = std::move(part);
 }
 
-FilePart& TextFilePhysicalPackage::retire(std::unique_ptr<FilePart> part) {
+/// Takes the part over, or throws and leaves it where it is.
+FilePart& TextFilePhysicalPackage::retire(std::unique_ptr<FilePart>& part) {
     retiredParts_.push_back(std::move(part));
     retiredParts_.back()->retire(retiredParts_.size());
     return *retiredParts_.back();
@@ -397,18 +400,19 @@ void TextFilePhysicalPackage::moveToChangedParts(std::u16string const& name) {
     auto const entry = storedParts_.find(name);
     if (entry == storedParts_.end())
         return;
-    if (changedParts_.count(name) == 0)
-        put(changedParts_, std::move(entry->second));
-    else
-        retire(std::move(entry->second)); // a part created under its name has taken its place
-    storedParts_.erase(entry);
+    if (changedParts_.count(name) == 0) {
+        changedParts_.insert(storedParts_.extract(entry));
+    } else {
+        retire(entry->second); // a part created under its name has taken its place
+        storedParts_.erase(entry);
+    }
 }
 
 /// For a part that is written although the package wasn't opened for it: the change goes nowhere, and does no harm.
 void TextFilePhysicalPackage::createPrivateModifiedRoot() {
-    auto const root = generateTempFolderName(u"_modified_package_");
+    auto root = generateTempFolderName(u"_modified_package_");
     fileSystemOps_.createFolders(root);
-    modifiedPackageRoot_ = root;
+    modifiedPackageRoot_ = std::move(root);
 }
 
 /// Removes a folder and forgets its path; keeps the path of a folder that is not there.
@@ -419,8 +423,10 @@ void TextFilePhysicalPackage::removeFolder(std::u16string& root) noexcept {
     } catch (...) {
         // What can't be examined may still be removed.
     }
-    boost::system::error_code ignored;
-    fileSystemOps_.removeAll(root, ignored);
+    boost::system::error_code code;
+    fileSystemOps_.removeAll(root, code);
+    if (code == boost::system::errc::not_enough_memory)
+        fileSystemOps_.removeAll(root, code); // others may have given some back, and nobody will try again
     root.clear();
 }
 

@@ -166,7 +166,7 @@ private:
     void openOutput();
     void addStoredParts(std::string_view text, std::uint64_t offset);
     void put(Parts& parts, std::unique_ptr<FilePart> part);
-    FilePart& retire(std::unique_ptr<FilePart> part);
+    FilePart& retire(std::unique_ptr<FilePart>& part);
     void moveToChangedParts(std::u16string const& name);
     void createPrivateModifiedRoot();
     void removeFolder(std::u16string& root) noexcept;
