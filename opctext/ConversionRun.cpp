@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <thread>
 
@@ -80,8 +82,13 @@ public:
         };
         auto const jobs = std::min<std::size_t>(std::max(options_.jobs, 1U), files_.size());
         std::vector<std::thread> others;
-        for (std::size_t i = 1; i < jobs; ++i)
-            others.emplace_back(work);
+        others.reserve(jobs);
+        try {
+            while (others.size() + 1 < jobs)
+                others.emplace_back(work);
+        } catch (std::exception const&) {
+            // No more to be had: fewer do it as well.
+        }
         work();
         for (auto& thread : others)
             thread.join();
@@ -109,13 +116,27 @@ private:
         files_.insert(files_.end(), found.begin(), found.end());
     }
 
+    /// Never throws: it runs in several threads.
     void attempt(std::string const& input, ProgressBar& progress) {
+        try {
+            convertAndReport(input, progress);
+        } catch (std::bad_alloc const&) {
+            std::lock_guard const lock(mutex_);
+            std::fputs("opctext: out of memory\n", stderr);
+            ++failures_;
+            worst_ = std::max(worst_, ExitStatus::InputOutput);
+        }
+    }
+
+    void convertAndReport(std::string const& input, ProgressBar& progress) {
         try {
             convert(input);
         } catch (ClosedPipe const& nobody) {
             worst_ = nobody.status(); // there is one output at most, and so one thread
         } catch (Failure const& failure) {
             note(failure.what(), failure.status(), progress);
+        } catch (std::bad_alloc const&) {
+            throw;
         } catch (std::exception const& failure) {
             note(input + ": " + failure.what(), ExitStatus::InputOutput, progress);
         }

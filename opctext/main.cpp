@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -228,9 +229,16 @@ private:
 /// What went wrong, a line a message.
 ExitStatus report(std::string const& messages, ExitStatus status) {
     std::istringstream lines(messages);
+    lines.exceptions(std::ios_base::badbit); // for want of memory, which is a message of its own
     for (std::string line; std::getline(lines, line);)
         tell(line);
     return status;
+}
+
+/// Needs no memory itself.
+ExitStatus reportOutOfMemory() {
+    std::fputs("opctext: out of memory\n", stderr);
+    return ExitStatus::InputOutput;
 }
 
 ExitStatus run(std::function<ExitStatus()> const& command) {
@@ -243,6 +251,8 @@ ExitStatus run(std::function<ExitStatus()> const& command) {
     } catch (Failure const& failure) {
         std::fflush(stdout);
         return report(failure.what(), failure.status());
+    } catch (std::bad_alloc const&) {
+        throw;
     } catch (std::exception const& failure) {
         return report(failure.what(), ExitStatus::InputOutput);
     }
@@ -262,6 +272,16 @@ ExitStatus endParsing(CommandLine& commandLine, CLI::ParseError const& outcome) 
     });
 }
 
+ExitStatus runProgram(int argc, char** argv) {
+    CommandLine commandLine;
+    try {
+        commandLine.parse(argc, argv);
+    } catch (CLI::ParseError const& outcome) {
+        return endParsing(commandLine, outcome);
+    }
+    return run(commandLine.command);
+}
+
 } // namespace
 
 } // namespace opctext
@@ -271,11 +291,9 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
 
-    opctext::CommandLine commandLine;
     try {
-        commandLine.parse(argc, argv);
-    } catch (CLI::ParseError const& outcome) {
-        return static_cast<int>(opctext::endParsing(commandLine, outcome));
+        return static_cast<int>(opctext::runProgram(argc, argv));
+    } catch (std::bad_alloc const&) {
+        return static_cast<int>(opctext::reportOutOfMemory());
     }
-    return static_cast<int>(opctext::run(commandLine.command));
 }
