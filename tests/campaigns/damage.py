@@ -1,0 +1,69 @@
+#!/usr/bin/env python3
+"""Damages small packages in every way, byte by byte and line by line, and compares what the two readers make of each
+damaged file, and what a commit makes of it, with a model of the format.
+
+The work is done by the program campaign_damage; this script starts it for each sample and adds up the figures."""
+
+import argparse
+import concurrent.futures
+import os
+import pathlib
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+QUICK_CHECKS_ONE_IN = 40
+FIGURES = ("damaged files", "of them opened", "contents compared", "commits", "commits refused")
+
+
+def parse_arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--quick", action="store_true", help=f"check one damaged file in {QUICK_CHECKS_ONE_IN}")
+    parser.add_argument("--seed", type=int, default=random.randrange(2**32), help="which of them, with --quick")
+    parser.add_argument("--preset", default="dev", help="whose build to take: dev, or asan")
+    return parser.parse_args()
+
+
+def check_sample(program: pathlib.Path, folder: pathlib.Path, sample: str, choice: list[str]) -> list[int]:
+    """Damages one sample; ends the campaign where something is wrong."""
+    own = folder / sample
+    own.mkdir()
+    result = subprocess.run([program, own, sample, *choice], capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        how = f"killed by signal {-result.returncode}" if result.returncode < 0 else f"status {result.returncode}"
+        raise RuntimeError(f"sample {sample}: {how}\n{result.stdout}{result.stderr}"
+                           f"damage: the damaged file is {own}/package.txt; to repeat:\n"
+                           f"  {program} $(mktemp -d) {' '.join([sample, *choice])}")
+    shutil.rmtree(own)
+    return [int(figure) for figure in result.stdout.split()]
+
+
+def main() -> int:
+    arguments = parse_arguments()
+    program = ROOT / "build" / arguments.preset / "tests/campaigns/campaign_damage"
+    samples = subprocess.run([program, "--samples"], capture_output=True, text=True, check=True).stdout.split()
+    choice = [str(QUICK_CHECKS_ONE_IN), str(arguments.seed)] if arguments.quick else []
+    if arguments.quick:
+        print(f"damage: one damaged file in {QUICK_CHECKS_ONE_IN}, seed {arguments.seed}")
+    in_memory = pathlib.Path("/dev/shm")
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="damage-", dir=in_memory if os.access(in_memory, os.W_OK) else None))
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        runs = [pool.submit(check_sample, program, folder, sample, choice) for sample in samples]
+        try:
+            totals = [sum(column) for column in zip(*(run.result() for run in runs))]
+        except RuntimeError as violation:
+            pool.shutdown(cancel_futures=True)
+            print(f"damage: {violation}", file=sys.stderr)
+            return 1
+    shutil.rmtree(folder)
+    print(f"damage: {len(samples)} samples")
+    for name, total in zip(FIGURES, totals):
+        print(f"  {name}: {total:,}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
