@@ -1,0 +1,70 @@
+#!/usr/bin/env python3
+"""Makes each allocation of each scenario fail, once and from then on: no crash, no leak, files old or new, success
+reported only where it happened, and everything usable afterwards.
+
+The work is done by the program campaign_memory; this script starts it for each scenario and adds up the figures."""
+
+import argparse
+import concurrent.futures
+import os
+import pathlib
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PROGRAM = ROOT / "build/dev/tests/campaigns/campaign_memory"
+QUICK_TRIES_ONE_IN = 200
+FIGURES = ("allocations of undisturbed runs", "runs with failing allocations",
+           "of them left temporary files, where all later allocations failed", "of them left a mapped file open", "of them ended by the JSON library")
+
+
+def parse_arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--quick", action="store_true", help=f"try one allocation in {QUICK_TRIES_ONE_IN}")
+    parser.add_argument("--seed", type=int, default=random.randrange(2**32), help="which of them, with --quick")
+    return parser.parse_args()
+
+
+def try_scenario(folder: pathlib.Path, other: pathlib.Path, scenario: str, choice: list[str]) -> list[int]:
+    """Goes through the allocations of one scenario; ends the campaign where something is wrong."""
+    own = [folder / scenario, other / scenario]
+    for path in own:
+        path.mkdir()
+    result = subprocess.run([PROGRAM, *own, scenario, *choice], capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        raise RuntimeError(f"{result.stdout}{result.stderr}memory: to repeat: "
+                           f"{PROGRAM} $(mktemp -d) $(mktemp -d) {scenario} --at ALLOCATION once|from")
+    return [int(figure) for figure in result.stdout.split()]
+
+
+def main() -> int:
+    arguments = parse_arguments()
+    scenarios = subprocess.run([PROGRAM, "--scenarios"], capture_output=True, text=True, check=True).stdout.split()
+    choice = [str(QUICK_TRIES_ONE_IN), str(arguments.seed)] if arguments.quick else []
+    if arguments.quick:
+        print(f"memory: one allocation in {QUICK_TRIES_ONE_IN}, seed {arguments.seed}")
+    in_memory = pathlib.Path("/dev/shm")
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="memory-", dir=in_memory if os.access(in_memory, os.W_OK) else None))
+    other = pathlib.Path(tempfile.mkdtemp(prefix="memory-"))
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        runs = [pool.submit(try_scenario, folder, other, scenario, choice) for scenario in scenarios]
+        try:
+            totals = [sum(column) for column in zip(*(run.result() for run in runs))]
+        except RuntimeError as violation:
+            pool.shutdown(cancel_futures=True)
+            print(f"memory: {violation}", file=sys.stderr)
+            return 1
+        finally:
+            shutil.rmtree(folder, ignore_errors=True)
+            shutil.rmtree(other, ignore_errors=True)
+    print(f"memory: {len(scenarios)} scenarios")
+    for name, total in zip(FIGURES, totals):
+        print(f"  {name}: {total:,}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
