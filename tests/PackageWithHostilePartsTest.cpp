@@ -264,6 +264,21 @@ TEST_F(PackageWithHostileParts, ReadsTheFirstOfTwoPartsOneOfWhichIsTheFolderOfTh
     }
 }
 
+TEST_F(PackageWithHostileParts, RefusesTheFileOfAPartWhoseNameDiffersFromAnotherInTheFirstSlashAlone) {
+    auto const refusal = throwsPackageError(
+        "Not a usable part name: \"twin.bin\": another part's differs from it in the first slash alone", {});
+    TextFilePhysicalPackage package(writeHostile({{"/twin.bin", "YWE=", true}, {"twin.bin", "YmI=", true}}));
+    auto const before = packageFile();
+    package.open(OpenMode::ReadWrite);
+
+    EXPECT_EQ(contentOf(package, u"/twin.bin"), "aa");
+    EXPECT_THAT([&] { contentOf(package, u"twin.bin"); }, refusal);
+    writeInto(partOf(package, u"/good.txt"), "changed");
+    EXPECT_THAT([&] { package.close(false); }, refusal);
+
+    EXPECT_EQ(packageFile(), before);
+}
+
 TEST_F(PackageWithHostileParts, ReadsTextPartsOneOfWhichIsTheFolderOfTheOther) {
     TextFilePhysicalPackage package(writeHostile({{"/p", "one"}, {"/p/q", "two"}}));
     package.open(OpenMode::Read);

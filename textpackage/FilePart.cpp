@@ -112,6 +112,9 @@ std::u16string FilePart::getTempFullPath(bool modified) const {
     auto const& fileSystem = package_.getFSImpl();
     if (retirement_ != 0 && (modified || !keepsExtractedFile_))
         return fileSystem.appendPath(fileSystem.appendPath(root, sideFolder(retirement_)), name_);
+    if (name_.compare(0, 1, u"/") != 0 && package_.hasPart(u'/' + name_))
+        throw Exception("Not a usable part name: \"" + toUDEString(name_) +
+                        "\": another part's differs from it in the first slash alone");
     auto const path = fileSystem.appendPath(root, name_);
     if (!modified && package_.isWorkingCopy(path))
         return fileSystem.appendPath(fileSystem.appendPath(root, sideFolder(0)), name_);

@@ -123,6 +123,10 @@ TextFileBuffer& TextFilePhysicalPackage::getTextFileBuffer() const {
     return *textFileBuffer_;
 }
 
+bool TextFilePhysicalPackage::hasPart(std::u16string const& name) const {
+    return storedParts_.count(name) != 0 || changedParts_.count(name) != 0;
+}
+
 bool TextFilePhysicalPackage::isWorkingCopy(std::u16string const& path) const {
     if (extractedPackageRoot_.empty())
         return false;

@@ -82,6 +82,9 @@ public:
     /// The mapped working copy. Throws `opc::Exception` "Package is not open for reading" where there is none.
     TextFileBuffer& getTextFileBuffer() const;
 
+    /// Whether there is a part of exactly this name.
+    bool hasPart(std::u16string const& name) const;
+
     /// Whether a path leads to the working copy or would, were that a folder, lead into it.
     bool isWorkingCopy(std::u16string const& path) const;
 
