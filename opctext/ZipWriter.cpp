@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <fstream>
 #include <utility>
 
 #include <zip.h>
@@ -156,7 +157,7 @@ ZipWriter::~ZipWriter() {
 
 void ZipWriter::setComment(std::string const& comment) {
     if (zip_set_archive_comment(archive_, comment.data(), static_cast<zip_uint16_t>(comment.size())) != 0)
-        fail();
+        refusedComment_ = comment; // for its control characters
 }
 
 void ZipWriter::add(std::string const& memberName, opc::interfaces::IPhysicalPart& part, std::uint64_t size,
@@ -191,6 +192,20 @@ void ZipWriter::finish() {
         fail();
     }
     archive_ = nullptr;
+    if (!refusedComment_.empty())
+        appendComment();
+}
+
+/// The end record is the last of the file, and the length of the comment its last field.
+void ZipWriter::appendComment() const {
+    std::fstream file(path_, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(-2, std::ios::end);
+    auto const size = refusedComment_.size();
+    file.put(static_cast<char>(size & 0xFF)).put(static_cast<char>(size >> 8));
+    file.write(refusedComment_.data(), static_cast<std::streamsize>(size));
+    file.close();
+    if (!file)
+        throw Failure(ExitStatus::InputOutput, "the comment of the ZIP file could not be written");
 }
 
 void ZipWriter::fail() const {

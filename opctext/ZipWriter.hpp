@@ -23,6 +23,7 @@ public:
     ZipWriter& operator=(ZipWriter const&) = delete;
     ~ZipWriter();
 
+    /// At most 65,535 bytes.
     void setComment(std::string const& comment);
 
     /// Adds a part of `size` bytes; it is read when `finish` is called and has to live until then.
@@ -34,11 +35,13 @@ public:
 private:
     struct Member;
 
+    void appendComment() const;
     [[noreturn]] void fail() const;
 
     std::string path_;
     zip* archive_; // null once it was finished or given up
     std::vector<std::unique_ptr<Member>> members_;
+    std::string refusedComment_; // by the ZIP library; it is added to the file that this has written
 };
 
 } // namespace opctext

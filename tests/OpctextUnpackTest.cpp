@@ -367,7 +367,7 @@ TEST_F(OpctextUnpack, MakesTheHeaderTheComment) {
 TEST_F(OpctextUnpack, GivesBackTheCommentOfAZipFile) {
     for (std::string const comment :
          {"one line", "two\nlines", "CR LF\r\nlines", "ends in LF\n", "ends in two\n\n", " ", "größe",
-          "opctext: in the ZIP file there is no content types part",
+          "control \x01\f\x7F characters", "opctext: in the ZIP file there is no content types part",
           "opctext: in the ZIP file the content types part is called word/document.xml", "a\nopctext: of mine"}) {
         SCOPED_TRACE(comment);
         ZipLayout layout;
