@@ -102,11 +102,21 @@ private:
             auto const record = readAt(directoryEnd_, 56);
             if (!beginsWith(record, Zip64EndRecord))
                 fail("the 64-bit end record of its directory is missing");
+            requireSame(number(tail, at + 10, 2), number(record, 32, 8), 0xFFFF);
+            requireSame(size, number(record, 40, 8), InZip64);
+            requireSame(directoryBegin_, number(record, 48, 8), InZip64);
             size = number(record, 40, 8);
             directoryBegin_ = number(record, 48, 8);
         }
         if (directoryBegin_ > directoryEnd_ || directoryEnd_ - directoryBegin_ != size)
             fail("its directory is not where its end record says");
+    }
+
+    /// What the narrow end record says must be what the 64-bit one says, or refer to that: other programs may read the
+    /// narrow one alone, and would see another package.
+    void requireSame(std::uint64_t narrow, std::uint64_t wide, std::uint64_t referral) const {
+        if (narrow != wide && narrow != referral)
+            fail("its two end records say different things");
     }
 
     ZipEntry readEntry(std::uint64_t& offset, std::uint64_t index) {

@@ -445,6 +445,25 @@ TEST_F(OpctextPack, RefusesADirectoryThatIsNotWhatItsEndRecordSays) {
     expectRefused(zipBytes(members, small), 3, "opctext: p.docx: its directory is not where its end record says\n");
 }
 
+TEST_F(OpctextPack, RefusesAWideDirectoryOfWhichTheNarrowEndRecordSaysOtherwise) {
+    auto const members = withContentTypes({{"a.xml", "<a/>"}});
+    ZipLayout wide;
+    wide.is64Bit = true;
+    auto count = wide;
+    count.count = 1;
+    auto offset = wide;
+    offset.directoryOffset = 10;
+    auto size = wide;
+    size.directorySize = 46;
+
+    for (auto const& layout : {count, offset, size})
+        expectRefused(zipBytes(members, layout), 3, "opctext: p.docx: its two end records say different things\n");
+
+    wide.count = 2; // the truth does no harm
+    folder.write("p.docx", zipBytes(members, wide));
+    EXPECT_THAT(pack(), succeeds());
+}
+
 TEST_F(OpctextPack, RefusesUnsafeNames) {
     struct Case {
         std::string name;
