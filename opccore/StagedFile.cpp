@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <istream>
 #include <utility>
 
@@ -66,9 +67,10 @@ StagedFile::~StagedFile() {
         file_->setOwner(linked_->st_uid, linked_->st_gid);
         ::fchmod(file_->handle(), linked_->st_mode & PermissionBits);
     }
-    if (isSourceRemoved_ && ::link(name_.c_str(), removableSource_.c_str()) == -1)
-        return; // better left under this name than lost
-    removeFile(name_);
+    if (!isSourceRemoved_ || ::link(name_.c_str(), removableSource_.c_str()) == 0)
+        removeFile(name_);
+    else // never over what stands there now; where that fails too, better left here than lost
+        ::renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, removableSource_.c_str(), RENAME_NOREPLACE);
 }
 
 void StagedFile::setPermissionsOf(struct stat const& other) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +30,9 @@
 #include <tests/support/Throws.hpp>
 
 namespace {
+
+/// The errno value that link(2) fails with; 0: none.
+int linkError = 0;
 
 namespace fs = std::filesystem;
 namespace errc = boost::system::errc;
@@ -918,6 +922,24 @@ TEST_F(ReplaceFileWithBackup, NeverOpensTheSourceToMoreUsersThanItWas) {
     EXPECT_THAT(folder.entries(), ElementsAre("source", "target"));
 }
 
+TEST_F(ReplaceFileWithBackup, PutsASourceBackThatItRemovedEarlyThoughNoMoreLinksCanBeMade) {
+    folder.write("source", "new");
+    folder.write("target", "old");
+    fs::permissions(folder / "source", static_cast<fs::perms>(0600));
+    fs::permissions(folder / "target", static_cast<fs::perms>(0644));
+
+    EXPECT_THROW(replace("target", "source", calling([&](std::u16string const&) {
+                             linkError = EMLINK;
+                             throw std::runtime_error("cancelled");
+                         })),
+                 std::runtime_error);
+    linkError = 0;
+
+    EXPECT_EQ(folder.read("source"), "new");
+    EXPECT_EQ(permissionsOf(folder / "source"), 0600U);
+    EXPECT_THAT(folder.entries(), ElementsAre("source", "target"));
+}
+
 TEST_F(ReplaceFileWithBackup, CallsBackOnceWhileTheOldFileIsStillInPlace) {
     folder.write("source", "new");
     folder.write("target", "old");
@@ -1272,3 +1294,11 @@ TEST_F(ReplaceFileWithBackup, ShowsReadersTheWholeOldOrTheWholeNewFileAtEveryMom
 }
 
 } // namespace
+
+/// Stands before the C library's function of the same name, for shared libraries too.
+extern "C" __attribute__((visibility("default"))) int link(char const* from, char const* to) noexcept {
+    if (linkError == 0)
+        return static_cast<int>(::syscall(SYS_link, from, to));
+    errno = linkError;
+    return -1;
+}
