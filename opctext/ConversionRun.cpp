@@ -109,11 +109,20 @@ private:
             throw Failure(ExitStatus::WrongUsage, input + ": this is a folder; -r converts what is in it");
         std::vector<std::string> found;
         for (auto const& entry : fs::recursive_directory_iterator(input)) {
-            if (entry.is_regular_file() && !entry.is_symlink() && direction_.isInput(entry.path().string()))
+            if (entry.is_regular_file() && !entry.is_symlink() && mayBeInput(entry.path().string()))
                 found.push_back(entry.path().string());
         }
         std::sort(found.begin(), found.end());
         files_.insert(files_.end(), found.begin(), found.end());
+    }
+
+    /// A file that can't be read counts as one to convert: that fails then, and says why.
+    bool mayBeInput(std::string const& path) const {
+        try {
+            return direction_.isInput(path);
+        } catch (std::exception const&) {
+            return true;
+        }
     }
 
     /// Never throws: it runs in several threads.

@@ -1,6 +1,8 @@
 #include <opctext/Messages.hpp>
 #include <opctext/PackageListing.hpp>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <istream>
 #include <string_view>
@@ -81,6 +83,15 @@ private:
     std::uint64_t lineBegin_ = 0;
 };
 
+/// A file of which only the beginning matters. A failure to read it throws, and is not taken for its end.
+std::ifstream openToLookAt(std::string const& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file.is_open())
+        throw Failure(ExitStatus::InputOutput, path + ": " + std::strerror(errno));
+    file.exceptions(std::ios::badbit);
+    return file;
+}
+
 } // namespace
 
 PackageListing readListing(PackageFile const& file) {
@@ -98,7 +109,7 @@ std::vector<std::string> readHeaderLines(PackageFile const& file) {
 }
 
 bool isZipFile(std::string const& path) {
-    std::ifstream file(path, std::ios::binary);
+    auto file = openToLookAt(path);
     char beginning[4] = {};
     return file.read(beginning, sizeof beginning) && std::string_view(beginning, 4) == "PK\x03\x04";
 }
@@ -107,7 +118,7 @@ bool isTextPackage(std::string const& path) {
     if (isZipFile(path))
         return false; // its first line may be as long as the file
     try {
-        std::ifstream file(path, std::ios::binary);
+        auto file = openToLookAt(path);
         TextPackageHelpers::findPackageBeginMarker(file, [](std::string const& /*headerLine*/) {});
         return true;
     } catch (opc::Exception const&) {

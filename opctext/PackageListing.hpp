@@ -29,10 +29,10 @@ PackageListing readListing(PackageFile const& file);
 /// The lines above the package-begin line. Throws `Failure` as `readListing` does.
 std::vector<std::string> readHeaderLines(PackageFile const& file);
 
-/// Whether a file begins as a ZIP file with a member does.
+/// Whether a file begins as a ZIP file with a member does. Throws where it can't be read.
 bool isZipFile(std::string const& path);
 
-/// Whether a file begins as a package in text form does.
+/// Whether a file begins as a package in text form does. Throws where it can't be read.
 bool isTextPackage(std::string const& path);
 
 /// Throws the `Failure` for a file that is cut off, if this one is.

@@ -761,6 +761,22 @@ TEST_F(OpctextUnpack, UnpacksTheTextPackagesInAFolderAndInTheFoldersInIt) {
     EXPECT_THAT(readZip(folder.read("docs/deep/er/b.docx")).names(), ElementsAre("[Content_Types].xml"));
 }
 
+TEST_F(OpctextUnpack, SaysWhichFilesInAFolderCouldNotBeRead) {
+    folder.write("docs/a.docx.txt", textWith({}));
+    folder.write("docs/b.docx.txt", textWith({}));
+    fs::permissions(folder / "docs/a.docx.txt", fs::perms::none);
+    ProgramCall call;
+    call.words = {"unpack", "-r", "docs"};
+    call.inChild = testsupport::obeyPermissions;
+
+    EXPECT_THAT(run(call),
+                fails(4, "opctext: docs/a.docx.txt: Could not open \"" + (folder / "docs/a.docx.txt").string() +
+                             "\": Permission denied\n"
+                             "opctext: unpacked 1 of 2 files\n"));
+
+    EXPECT_TRUE(fs::exists(folder / "docs/b.docx"));
+}
+
 TEST_F(OpctextUnpack, RefusesAFolderWithoutR) {
     folder.write("docs/a.docx.txt", textWith({}));
 

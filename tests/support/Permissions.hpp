@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +21,12 @@ inline unsigned permissionsOf(std::filesystem::path const& path) {
 /// Whether the system lets this process pass by permission bits.
 inline bool runsAsRoot() {
     return ::geteuid() == 0;
+}
+
+/// For `ProgramCall::inChild`: a program that is run as root can't pass by permission bits.
+inline void obeyPermissions() {
+    ::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+    ::prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
 }
 
 /// The process's umask for as long as it lives.
