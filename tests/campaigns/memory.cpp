@@ -89,7 +89,7 @@ struct Figures {
     std::uint64_t runs = 0;
     std::uint64_t runsThatLeftTemporaryFiles = 0; // only where all later allocations failed as well
     std::uint64_t runsThatLeftADescriptor = 0;    // of a mapping
-    std::uint64_t runsThatAborted = 0;            // within the JSON library
+    std::uint64_t runsThatAborted = 0;            // within the JSON or the C++ library
 };
 
 /// One scenario in folders of its own.
@@ -131,6 +131,9 @@ public:
         ::waitpid(child, &status, 0);
         ++figures.runs;
         if (mayAbort() && WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) {
+            if (treeOf(work_) != before_)
+                throw Violation("aborted, and files are not as they were" + describe(treeOf(work_)));
+            empty(temporary_);
             ++figures.runsThatAborted;
             return true;
         }
@@ -146,8 +149,11 @@ public:
     }
 
 private:
-    /// nlohmann-json allocates while it destroys a value, and ends the program where it can't. It only lists.
-    bool mayAbort() const { return scenario_.name == "opctext-list-json"; }
+    /// The JSON library allocates while it destroys a value, the C++ library where it promises not to throw while it
+    /// goes through the folders of -r; both end the program where they can't. No file has been touched by then.
+    bool mayAbort() const {
+        return scenario_.name == "opctext-list-json" || scenario_.name == "opctext-unpack-a-folder";
+    }
 
     void prepare() {
         empty(work_);

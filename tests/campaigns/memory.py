@@ -18,7 +18,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 PROGRAM = ROOT / "build/dev/tests/campaigns/campaign_memory"
 QUICK_TRIES_ONE_IN = 200
 FIGURES = ("allocations of undisturbed runs", "runs with failing allocations",
-           "of them left temporary files, where all later allocations failed", "of them left a mapped file open", "of them ended by the JSON library")
+           "of them left temporary files, where all later allocations failed", "of them left a mapped file open", "of them ended by the JSON or the C++ library")
 
 
 def parse_arguments() -> argparse.Namespace:
