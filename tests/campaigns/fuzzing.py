@@ -47,8 +47,11 @@ def environment(temporary: str) -> dict[str, str]:
     return {**os.environ, "TMPDIR": temporary, "ASAN_OPTIONS": "quarantine_size_mb=16"}
 
 
-def last_lines(text: str) -> str:
-    return "\n".join(text.strip().splitlines()[-30:])
+def essence(text: str) -> str:
+    """What a program said before it died: the reason, then where that was."""
+    lines = text.strip().splitlines()
+    reasons = [line for line in lines[:-30] if re.search("violated|ERROR|runtime error", line)]
+    return "\n".join(reasons + lines[-30:])
 
 
 # Random inputs
@@ -60,7 +63,7 @@ def change_randomly(target: str, seconds: float, seed: int, temporary: str) -> s
                reproducer, CORPUS / target]
     done = subprocess.run(command, env=environment(temporary), capture_output=True, text=True, errors="replace")
     if done.returncode != 0:
-        raise Violation(f"{last_lines(done.stderr)}\nrepeat: {command[0]} {reproducer}")
+        raise Violation(f"{essence(done.stderr)}\nrepeat: {command[0]} {reproducer}")
     return ", ".join(done.stdout.splitlines())
 
 
@@ -75,7 +78,7 @@ def fuzz(target: str, seconds: float, seed: int, keep: bool, temporary: str) -> 
         done = subprocess.run(command, env=environment(temporary), capture_output=True, text=True, errors="replace")
         if done.returncode != 0:
             kept = re.findall(r"Test unit written to (\S+)", done.stderr)
-            raise Violation(f"{last_lines(done.stderr)}\nrepeat: {program} {' '.join(kept)}")
+            raise Violation(f"{essence(done.stderr)}\nrepeat: {program} {' '.join(kept)}")
         if keep:
             subprocess.run([program, "-merge=1", "-use_counters=0", f"-max_len={LONGEST_KEPT}", CORPUS / target, found],
                            env=environment(temporary), stderr=subprocess.DEVNULL, check=True)
