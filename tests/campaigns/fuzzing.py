@@ -165,15 +165,22 @@ def main() -> int:
     # Each target makes many small files: in memory that costs little.
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     with tempfile.TemporaryDirectory(dir=memory) as temporary:
-        def run(target: str) -> str:
-            if options.quick:
-                return change_randomly(target, options.seconds or 2, options.seed, temporary)
-            return fuzz(target, options.seconds or 60, options.seed, options.keep, temporary)
+        def run(target: str) -> bool:
+            try:
+                if options.quick:
+                    result = change_randomly(target, options.seconds or 2, options.seed, temporary)
+                else:
+                    result = fuzz(target, options.seconds or 60, options.seed, options.keep, temporary)
+                print(f"{target}: {result}", flush=True)
+                return True
+            except Violation as violation:
+                print(f"violated: {target}: {violation}", file=sys.stderr, flush=True)
+                return False
 
+        with ThreadPoolExecutor(os.cpu_count()) as executor:
+            if not all(list(executor.map(run, options.targets))):
+                return 1
         try:
-            with ThreadPoolExecutor(os.cpu_count()) as executor:
-                for target, result in zip(options.targets, executor.map(run, options.targets)):
-                    print(f"{target}: {result}", flush=True)
             if not options.quick:
                 run_hostile_inputs(options.targets, temporary)
         except Violation as violation:
