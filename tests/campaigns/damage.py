@@ -8,7 +8,6 @@ import argparse
 import concurrent.futures
 import os
 import pathlib
-import random
 import shutil
 import subprocess
 import sys
@@ -22,7 +21,7 @@ FIGURES = ("damaged files", "of them opened", "contents compared", "commits", "c
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--quick", action="store_true", help=f"check one damaged file in {QUICK_CHECKS_ONE_IN}")
-    parser.add_argument("--seed", type=int, default=random.randrange(2**32), help="which of them, with --quick")
+    parser.add_argument("--seed", type=int, default=1, help="which of them, with --quick (default: 1)")
     parser.add_argument("--preset", default="dev", help="whose build to take: dev, or asan")
     return parser.parse_args()
 

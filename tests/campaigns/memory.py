@@ -8,7 +8,6 @@ import argparse
 import concurrent.futures
 import os
 import pathlib
-import random
 import shutil
 import subprocess
 import sys
@@ -24,7 +23,7 @@ FIGURES = ("allocations of undisturbed runs", "runs with failing allocations",
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--quick", action="store_true", help=f"try one allocation in {QUICK_TRIES_ONE_IN}")
-    parser.add_argument("--seed", type=int, default=random.randrange(2**32), help="which of them, with --quick")
+    parser.add_argument("--seed", type=int, default=1, help="which of them, with --quick (default: 1)")
     return parser.parse_args()
 
 
