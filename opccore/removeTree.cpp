@@ -57,7 +57,7 @@ public:
             return errno == ENOENT || errno == ENOTDIR; // gone, or never there
         if (unlink(parent, name, AT_REMOVEDIR))
             return true;
-        if (errno != ENOTEMPTY && errno != EEXIST)
+        if (errno != ENOTEMPTY)
             return errno == ENOENT;
 
         OpenFolder folder(parent.open(name));

@@ -1047,7 +1047,7 @@ TEST_F(LocalFileSystemOps, RemovesALinkToATreeAndNotTheTree) {
 TEST_F(LocalFileSystemOps, RemovesNothingWithoutComplaintWhereThereIsNoTree) {
     folder.write("file", "content");
 
-    for (auto const* name : {"missing", "missing/inner"}) {
+    for (auto const* name : {"missing", "missing/inner", "file/inner"}) {
         auto code = staleCode();
         EXPECT_EQ(files.removeAll(path(name), code), 0U) << name;
         EXPECT_EQ(code, error_code()) << name;

@@ -269,8 +269,12 @@ TEST_F(PackageWithHostileParts, RefusesTheFileOfAPartWhoseNameDiffersFromAnother
         "Not a usable part name: \"twin.bin\": another part's differs from it in the first slash alone", {});
     TextFilePhysicalPackage package(writeHostile({{"/twin.bin", "YWE=", true}, {"twin.bin", "YmI=", true}}));
     auto const before = packageFile();
-    package.open(OpenMode::ReadWrite);
 
+    package.open(OpenMode::Read);
+    EXPECT_THAT([&] { contentOf(package, u"twin.bin"); }, refusal);
+    package.close(true);
+
+    package.open(OpenMode::ReadWrite);
     EXPECT_EQ(contentOf(package, u"/twin.bin"), "aa");
     EXPECT_THAT([&] { contentOf(package, u"twin.bin"); }, refusal);
     writeInto(partOf(package, u"/good.txt"), "changed");
