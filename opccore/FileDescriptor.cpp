@@ -1,5 +1,6 @@
 #include <opccore/FileDescriptor.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -57,8 +58,11 @@ std::size_t FileDescriptor::read(char* buffer, std::size_t count) {
 }
 
 void FileDescriptor::write(char const* buffer, std::size_t count) {
+    // Kernels cache what one call writes in blocks of memory as large as it. Blocks of megabytes have to be found
+    // first, or got from the host of a virtual machine, which makes such a call several times slower.
+    constexpr std::size_t MostAtOnce = std::size_t{1} << 18;
     while (count > 0) {
-        auto const written = uninterrupted([&] { return ::write(descriptor_, buffer, count); });
+        auto const written = uninterrupted([&] { return ::write(descriptor_, buffer, std::min(count, MostAtOnce)); });
         if (written == -1)
             throwSystemError("Could not write", path_);
         buffer += written;
