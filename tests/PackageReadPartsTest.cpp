@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include <sys/mman.h>
+
 #include <gmock/gmock.h>
 
 #include <opccore/Exception.hpp>
@@ -322,6 +324,52 @@ TEST_F(PackageReadParts, FindAllOf20000Parts) {
     for (auto* const part : package.getParts())
         found[toUtf8(part->getName())] = readAll(*part->getInputStream());
     EXPECT_EQ(found, expected);
+}
+
+TEST_F(PackageReadParts, FindAPartAtAnyDistanceFromTheOneBefore) {
+    std::vector<testsupport::PartText> parts;
+    std::map<std::string, std::string> expected{{"/_rels/.rels", "<Relationships/>"}, {"/a.xml", "<a/>"}};
+    for (std::size_t size = 0; size < 4200; ++size) {
+        std::string content(size, 'x');
+        for (auto const& lineBreak : {"\n_", "\n__ZKOPC_P"}) { // not all of a marker's beginning
+            if (content.size() > 100)
+                content.replace(content.size() / 2, std::string(lineBreak).size(), lineBreak);
+        }
+        expected["/" + std::to_string(size)] = content;
+        parts.push_back({"/" + std::to_string(size), content});
+    }
+    TextFilePhysicalPackage package(writePackage(parts));
+
+    package.open(OpenMode::Read);
+
+    std::map<std::string, std::string> found;
+    for (auto* const part : package.getParts())
+        found[toUtf8(part->getName())] = readAll(*part->getInputStream());
+    EXPECT_EQ(found, expected);
+}
+
+TEST_F(PackageReadParts, LookAtNothingBehindTheEndOfTheFile) {
+    constexpr std::size_t PageBytes = 4096;
+    constexpr std::size_t FileBytes = 2048 * PageBytes; // more than what is free between the libraries in memory
+    constexpr std::size_t NoAccessBytes = std::size_t{1} << 30;
+    // The system maps downwards: the file's last page comes to stand right before these, which nobody may read.
+    auto* const noAccess =
+        ::mmap(nullptr, NoAccessBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(noAccess, MAP_FAILED);
+    for (std::size_t const lastPart :
+         {PageBytes - 1, PageBytes, PageBytes + 1}) { // how much of the file stands above it
+        auto const above = Begin + ContentTypes;
+        std::string const lastBeginLine = "__ZKOPC_PART_BEGIN__ /a.xml\n";
+        std::string const padding(lastPart - above.size() - lastBeginLine.size() - 2, 'x');
+        auto text = above + padding + "\n\n" + lastBeginLine;
+        text.resize(FileBytes, 'x');
+        TextFilePhysicalPackage package(writeText(text));
+
+        package.open(OpenMode::Read);
+
+        EXPECT_THAT(namesIn(package), ElementsAre()); // the part is never ended
+    }
+    EXPECT_EQ(::munmap(noAccess, NoAccessBytes), 0);
 }
 
 // A second reading of the format, plain and slow, against which the package is held

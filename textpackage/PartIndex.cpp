@@ -1,11 +1,10 @@
 #include <textpackage/PartIndex.hpp>
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
-#include <string>
 
 #include <textpackage/PartScanner.hpp>
+#include <textpackage/findMarkerLine.hpp>
 
 namespace opc::textpackage {
 
@@ -23,12 +22,8 @@ public:
     bool nextMarker() {
         if (text_.compare(nextBegin_, PartScanner::markerBeginning.size(), PartScanner::markerBeginning) == 0)
             return moveTo(nextBegin_);
-        static std::string const wanted = '\n' + std::string(PartScanner::markerBeginning);
-        auto const* const found = static_cast<char const*>(
-            ::memmem(text_.data() + nextBegin_, text_.size() - nextBegin_, wanted.data(), wanted.size()));
-        if (found == nullptr)
-            return false;
-        return moveTo(static_cast<std::size_t>(found - text_.data()) + 1);
+        auto const found = findMarkerLine(text_.substr(nextBegin_));
+        return found != std::string_view::npos && moveTo(nextBegin_ + found);
     }
 
     std::string_view line() const { return text_.substr(begin_, end_ - begin_); }

@@ -1,11 +1,11 @@
 #include <textpackage/StreamLines.hpp>
 
 #include <algorithm>
-#include <cstring>
 #include <istream>
 #include <streambuf>
 
 #include <textpackage/PartScanner.hpp>
+#include <textpackage/findMarkerLine.hpp>
 
 namespace opc::textpackage {
 
@@ -76,16 +76,16 @@ bool StreamLines::take(Content content) {
 
 /// From the beginning of a line to that of the next marker line, or of the last line that the buffer holds.
 void StreamLines::skipToMarker() {
-    static std::string const wanted = '\n' + std::string(PartScanner::markerBeginning);
     std::istream::sentry const ready(stream_, true);
     if (!ready)
         return;
     auto const text = buffered();
     if (mayBeMarker(text))
         return;
-    auto const* const found =
-        static_cast<char const*>(::memmem(text.data(), text.size(), wanted.data(), wanted.size()));
-    auto const lineFeed = found != nullptr ? static_cast<std::size_t>(found - text.data()) : text.rfind('\n');
+    auto const found = findMarkerLine(text);
+    if (found != std::string_view::npos)
+        return consume(found);
+    auto const lineFeed = text.rfind('\n');
     if (lineFeed != std::string_view::npos)
         consume(lineFeed + 1);
 }
