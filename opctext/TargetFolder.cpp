@@ -90,9 +90,14 @@ void TargetFolder::File::write(std::string_view data) {
 }
 
 void TargetFolder::File::finish() {
+    bool const isUnderItsName = writtenName_ == name_;
+    struct stat other {};
+    bool const replaces = !isUnderItsName && ::fstatat(folder_.get(), name_.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0;
+    if (replaces && ::fsync(file_.get()) == -1) // unsynced, a power failure could leave neither of the two
+        fail(errno);
     if (::close(file_.release()) == -1 && errno != EINTR)
         fail(errno);
-    if (writtenName_ != name_ && ::renameat(folder_.get(), writtenName_.c_str(), folder_.get(), name_.c_str()) == -1)
+    if (!isUnderItsName && ::renameat(folder_.get(), writtenName_.c_str(), folder_.get(), name_.c_str()) == -1)
         fail(errno);
     writtenName_.clear();
 }

@@ -305,6 +305,30 @@ TEST_F(OpctextExtract, LeavesNoPieceOfAFileThatCouldNotBeWrittenAndKeepsTheOldOn
     EXPECT_EQ(extracted(), (Tree{{"a.xml", "older"}}));
 }
 
+TEST_F(OpctextExtract, LeavesThePlaceOfAnotherFileOnlyToOneThatIsOnTheDisk) {
+    if (auto const reason = testsupport::whyNotTraced(); !reason.empty())
+        GTEST_SKIP() << reason;
+    writePackage();
+    folder.write("out/a.xml", "older");
+    auto const extract = [this](std::vector<std::string> const& injections) {
+        return testsupport::runTraced(
+            {OPCTEXT_PROGRAM, "extract", (folder / "p.txt").string(), "/a.xml", "-f", "-C", (folder / "out").string()},
+            "fsync,renameat", injections);
+    };
+
+    auto const failed = extract({"fsync:error=EIO"});
+
+    EXPECT_EQ(failed.exitCode, 4);
+    EXPECT_THAT(failed.output, ::testing::HasSubstr("/out/a.xml: Input/output error\n"));
+    EXPECT_EQ(extracted(), (Tree{{"a.xml", "older"}}));
+
+    auto const succeeded = extract({});
+
+    EXPECT_EQ(succeeded.exitCode, 0);
+    EXPECT_THAT(succeeded.calls, ::testing::ContainsRegex("fsync.*[\n].*renameat"));
+    EXPECT_EQ(extracted(), (Tree{{"a.xml", "<a/>"}}));
+}
+
 TEST_F(OpctextExtract, SaysNothingOfItsProgressWhereThereIsNoTerminal) {
     if (auto const reason = testsupport::whyNotTraced(); !reason.empty())
         GTEST_SKIP() << reason;
