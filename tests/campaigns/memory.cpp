@@ -18,6 +18,7 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -152,7 +153,9 @@ private:
     /// The JSON library allocates while it destroys a value, the C++ library where it promises not to throw while it
     /// goes through the folders of -r; both end the program where they can't. No file has been touched by then.
     bool mayAbort() const {
-        return scenario_.name == "opctext-list-json" || scenario_.name == "opctext-unpack-a-folder";
+        static std::set<std::string> const scenarios = {"opctext-list-json", "opctext-check-json",
+                                                        "opctext-pack-a-folder", "opctext-unpack-a-folder"};
+        return scenarios.count(scenario_.name) != 0;
     }
 
     void prepare() {

@@ -535,6 +535,7 @@ std::vector<Scenario> programScenarios() {
         program("list-json", {"list", PackagePath, "--json"}),
         program("info", {"info", PackagePath}),
         program("check", {"check", PackagePath}),
+        program("check-json", {"check", PackagePath, "--json"}),
         program("cat", {"cat", PackagePath, "/b.bin", "/d.xml", "/a.xml"}),
         program("cat-big", {"cat", "big.txt", "/big.bin", "/big.xml"}, "", [] { writeFile("big.txt", bigPackage()); }),
         program("cat-light", {"cat", PackagePath, "/b.bin", "/d.xml", "--light"}),
@@ -564,6 +565,13 @@ std::vector<Scenario> programScenarios() {
         program("unpack-over-a-file", {"unpack", PackagePath, "--force"}, "package", prepareOutput),
         acrossFileSystems(program("unpack", {"unpack", PackagePath}, "package")),
         program("unpack-to-output", {"unpack", PackagePath, "-o", "-"}),
+        program("pack-a-folder", {"pack", "folder", "-r"}, "",
+                [] {
+                    prepareZip();
+                    std::filesystem::create_directories("folder/inner");
+                    std::filesystem::copy_file(ZipPath, "folder/one.zip");
+                    std::filesystem::copy_file(ZipPath, "folder/inner/two.zip");
+                }),
         program("unpack-a-folder", {"unpack", "folder", "-r"}, "",
                 [] {
                     writeFile("folder/one.txt", smallPackage());
