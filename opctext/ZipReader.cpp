@@ -19,6 +19,7 @@ namespace opctext {
 namespace {
 
 constexpr std::uint64_t RatioCountsFrom = std::uint64_t{8} << 20;
+constexpr std::uint64_t BestRatioOfDeflate = 1032; // a block of 258 equal bytes takes two bits
 
 /// Whether the entry only names a folder. Two bytes are what deflating nothing gives.
 bool isFolder(ZipEntry const& entry) {
@@ -82,11 +83,16 @@ std::string ZipReader::read(ZipEntry const& member) {
     if (!stream)
         fail(prefix + zip_strerror(archive_.get()));
 
-    // What is declared only limits what is taken in: the content grows as it comes.
+    // A bomb is refused before it is inflated, by the size that it declares; one that declares another size, as soon as
+    // that shows. Nothing is allocated for what is only declared: the content grows as it comes.
+    if (isDeflated && member.size / BestRatioOfDeflate > member.compressedSize)
+        fail(fmt::format("{}its data can't be inflated to the {} bytes declared", prefix, member.size));
+    requireWithinLimits(member, member.size);
     std::string content;
     auto const append = [&](std::string_view bytes) {
         content += bytes;
-        requireWithinLimits(member, content.size());
+        if (content.size() > member.size)
+            fail(fmt::format("{}it has more than the {} bytes declared", prefix, member.size));
     };
     Inflater inflater;
     std::string block(65536, '\0');

@@ -22,7 +22,7 @@ import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from hostileInputs import MORE_MEBIBYTES, MORE_SECONDS, hostile_bytes, hostile_texts, hostile_zips
+from hostileInputs import MORE_SECONDS, hostile_bytes, hostile_texts, hostile_zips
 
 ROOT = Path(__file__).resolve().parents[2]
 CORPUS = ROOT / "fuzz" / "corpus"
@@ -103,7 +103,6 @@ def measure_on_hostile_input(commands: dict[str, list], name: str, data: bytes, 
     path = Path(temporary) / f"hostile-{name}"
     path.write_bytes(data)
     most_seconds = MORE_SECONDS.get(name, MOST_SECONDS)
-    most_mebibytes = MORE_MEBIBYTES.get(name, MOST_MEBIBYTES)
     results = []
     for program, words in commands.items():
         command = [path if word == INPUT else word for word in words]
@@ -112,7 +111,7 @@ def measure_on_hostile_input(commands: dict[str, list], name: str, data: bytes, 
             if seconds > most_seconds:
                 seconds = min(seconds, measure(command, temporary)[0])
         results.append((program, name, seconds, mebibytes))
-        if seconds > most_seconds or mebibytes > most_mebibytes or status not in range(MOST_EXIT_STATUS + 1):
+        if seconds > most_seconds or mebibytes > MOST_MEBIBYTES or status not in range(MOST_EXIT_STATUS + 1):
             FINDINGS.joinpath(path.name).write_bytes(data)
             raise Violation(f"{program} on {name}: {seconds:.2f} s, {mebibytes:.0f} MiB, exit status {status}\n"
                             f"repeat: {' '.join(map(str, words))} with {FINDINGS / path.name}")
