@@ -5,13 +5,12 @@ damaged file, and what a commit makes of it, with a model of the format.
 The work is done by the program campaign_damage; this script starts it for each sample and adds up the figures."""
 
 import argparse
-import concurrent.futures
-import os
 import pathlib
 import shutil
 import subprocess
 import sys
-import tempfile
+
+from tally import folder_in_memory, items_of, run_each
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 QUICK_CHECKS_ONE_IN = 40
@@ -43,25 +42,16 @@ def check_sample(program: pathlib.Path, folder: pathlib.Path, sample: str, choic
 def main() -> int:
     arguments = parse_arguments()
     program = ROOT / "build" / arguments.preset / "tests/campaigns/campaign_damage"
-    samples = subprocess.run([program, "--samples"], capture_output=True, text=True, check=True).stdout.split()
+    samples = items_of(program, "--samples")
     choice = [str(QUICK_CHECKS_ONE_IN), str(arguments.seed)] if arguments.quick else []
     if arguments.quick:
         print(f"damage: one damaged file in {QUICK_CHECKS_ONE_IN}, seed {arguments.seed}")
-    in_memory = pathlib.Path("/dev/shm")
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="damage-", dir=in_memory if os.access(in_memory, os.W_OK) else None))
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = [pool.submit(check_sample, program, folder, sample, choice) for sample in samples]
-        try:
-            totals = [sum(column) for column in zip(*(run.result() for run in runs))]
-        except RuntimeError as violation:
-            pool.shutdown(cancel_futures=True)
-            print(f"damage: {violation}", file=sys.stderr)
-            return 1
-    shutil.rmtree(folder)
     print(f"damage: {len(samples)} samples")
-    for name, total in zip(FIGURES, totals):
-        print(f"  {name}: {total:,}")
-    return 0
+    folder = folder_in_memory("damage-")
+    status = run_each("damage", samples, lambda sample: check_sample(program, folder, sample, choice), FIGURES)
+    if status == 0:  # else the damaged file is in it
+        shutil.rmtree(folder)
+    return status
 
 
 if __name__ == "__main__":

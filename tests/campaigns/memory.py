@@ -5,19 +5,20 @@ reported only where it happened, and everything usable afterwards.
 The work is done by the program campaign_memory; this script starts it for each scenario and adds up the figures."""
 
 import argparse
-import concurrent.futures
-import os
 import pathlib
 import shutil
 import subprocess
 import sys
 import tempfile
 
+from tally import folder_in_memory, items_of, run_each
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PROGRAM = ROOT / "build/dev/tests/campaigns/campaign_memory"
 QUICK_TRIES_ONE_IN = 200
 FIGURES = ("allocations of undisturbed runs", "runs with failing allocations",
-           "of them left temporary files, where all later allocations failed", "of them left a mapped file open", "of them ended by the JSON or the C++ library")
+           "of them left temporary files, where all later allocations failed", "of them left a mapped file open",
+           "of them ended by the JSON or the C++ library")
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -41,28 +42,17 @@ def try_scenario(folder: pathlib.Path, other: pathlib.Path, scenario: str, choic
 
 def main() -> int:
     arguments = parse_arguments()
-    scenarios = subprocess.run([PROGRAM, "--scenarios"], capture_output=True, text=True, check=True).stdout.split()
+    scenarios = items_of(PROGRAM, "--scenarios")
     choice = [str(QUICK_TRIES_ONE_IN), str(arguments.seed)] if arguments.quick else []
     if arguments.quick:
         print(f"memory: one allocation in {QUICK_TRIES_ONE_IN}, seed {arguments.seed}")
-    in_memory = pathlib.Path("/dev/shm")
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="memory-", dir=in_memory if os.access(in_memory, os.W_OK) else None))
-    other = pathlib.Path(tempfile.mkdtemp(prefix="memory-"))
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = [pool.submit(try_scenario, folder, other, scenario, choice) for scenario in scenarios]
-        try:
-            totals = [sum(column) for column in zip(*(run.result() for run in runs))]
-        except RuntimeError as violation:
-            pool.shutdown(cancel_futures=True)
-            print(f"memory: {violation}", file=sys.stderr)
-            return 1
-        finally:
-            shutil.rmtree(folder, ignore_errors=True)
-            shutil.rmtree(other, ignore_errors=True)
     print(f"memory: {len(scenarios)} scenarios")
-    for name, total in zip(FIGURES, totals):
-        print(f"  {name}: {total:,}")
-    return 0
+    folder = folder_in_memory("memory-")
+    other = pathlib.Path(tempfile.mkdtemp(prefix="memory-"))  # on another file system, if the first is in memory
+    status = run_each("memory", scenarios, lambda scenario: try_scenario(folder, other, scenario, choice), FIGURES)
+    shutil.rmtree(folder, ignore_errors=True)
+    shutil.rmtree(other, ignore_errors=True)
+    return status
 
 
 if __name__ == "__main__":
