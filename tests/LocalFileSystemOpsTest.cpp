@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@
 #include <tests/support/FailingAllocations.hpp>
 #include <tests/support/FileSizeLimit.hpp>
 #include <tests/support/Permissions.hpp>
+#include <tests/support/SmallDisk.hpp>
 #include <tests/support/TemporaryFolder.hpp>
 #include <tests/support/Throws.hpp>
 
@@ -1077,6 +1079,20 @@ TEST_F(LocalFileSystemOps, RemovesATreeOfAnyDepthWithFewDescriptors) {
     ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
+TEST_F(LocalFileSystemOps, ClosesAFolderThatItOpensWhereStandardInputWas) {
+    folder.write("tree/file", "");
+    int const input = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    ASSERT_NE(input, -1);
+    ::close(STDIN_FILENO); // whose number the next takes that is opened
+    error_code code;
+
+    EXPECT_EQ(files.removeAll(path("tree"), code), 2U);
+
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+    EXPECT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
+}
+
 TEST_F(LocalFileSystemOps, ReportsWantOfMemoryAsACode) {
     auto const file = folder.write("file", "content");
     auto const newFile = path("other");
@@ -1117,6 +1133,19 @@ TEST_F(LocalFileSystemOps, ReportsATreeThatMayNotBeRemoved) {
 
     fs::permissions(folder / "tree/closed", fs::perms::owner_all);
     EXPECT_EQ(folder.read("tree/closed/file"), "content");
+}
+
+TEST_F(LocalFileSystemOps, SaysWhyWhatIsDeepInATreeCannotBeRemoved) {
+    folder.write("tree/a/b/disk/file", "content");
+    testsupport::SmallDisk const disk(folder / "tree/a/b/disk");
+    if (!disk.whyNot().empty())
+        GTEST_SKIP() << disk.whyNot();
+    error_code code;
+
+    files.removeAll(path("tree"), code);
+
+    EXPECT_EQ(code, errc::device_or_resource_busy);
+    EXPECT_TRUE(fs::is_directory(folder / "tree/a/b/disk"));
 }
 
 // ------------------------------------------------------------------------------------------------------- long names

@@ -6,7 +6,6 @@ import dataclasses
 import os
 import pathlib
 import resource
-import shutil
 import signal
 import subprocess
 import tempfile
@@ -39,14 +38,19 @@ class Folders:
         self.deepest.mkdir(parents=True)
 
     def clear(self) -> None:
-        shutil.rmtree(self.root / "a", ignore_errors=True)
+        remove_tree(self.root / "a")
         self.deepest.mkdir(parents=True, exist_ok=True)
 
     def remove(self) -> None:
-        shutil.rmtree(self.root, ignore_errors=True)
+        remove_tree(self.root)
 
     def environment(self) -> dict[str, str]:
         return {"TEST_TMPDIR": str(self.deepest), "TMPDIR": str(self.deepest)}
+
+
+def remove_tree(folder: pathlib.Path) -> None:
+    """By a program that can do it however deep the folders are that a wrong library made."""
+    subprocess.run(["rm", "-rf", "--", folder], stderr=subprocess.DEVNULL, check=False)
 
 
 def library_path(build: pathlib.Path) -> str:
