@@ -93,7 +93,8 @@ void TargetFolder::File::finish() {
     bool const isUnderItsName = writtenName_ == name_;
     struct stat other {};
     bool const replaces = !isUnderItsName && ::fstatat(folder_.get(), name_.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0;
-    if (replaces && ::fsync(file_.get()) == -1) // unsynced, a power failure could leave neither of the two
+    // Unsynced, a power failure could leave neither of the two. EINVAL: what the file lies on knows no syncing.
+    if (replaces && ::fsync(file_.get()) == -1 && errno != EINVAL)
         fail(errno);
     if (::close(file_.release()) == -1 && errno != EINTR)
         fail(errno);

@@ -387,7 +387,7 @@ void TextFilePhysicalPackage::addStoredParts(std::string_view text, std::uint64_
 }
 
 void TextFilePhysicalPackage::put(Parts& parts, std::unique_ptr<FilePart> part) {
-    auto& entry = parts[part->getName()];
+    auto& entry = parts.try_emplace(parts.end(), part->getName())->second; // files hold parts in about this order
     if (entry)
         retire(entry);
     entry = std::move(part);

@@ -185,6 +185,11 @@ bool TextPackageLightweightReader::willKeep(std::u16string const& name) const {
     auto const interest = interestIn(name);
     if (interest != Interest::IfRequested)
         return interest == Interest::Always;
+    if (requestedParts_.empty())
+        return false;
+    int const order = caselessCompare(requestedParts_.front(), name); // the one that is due, where all are met
+    if (order >= 0)
+        return order == 0;
     return std::binary_search(requestedParts_.begin(), requestedParts_.end(), name, sortsBefore);
 }
 
@@ -203,7 +208,7 @@ bool TextPackageLightweightReader::takeRequest(std::u16string const& name) {
 }
 
 void TextPackageLightweightReader::keep(std::unique_ptr<MemoryPart> part) {
-    auto& entry = parts_[part->getName()];
+    auto& entry = parts_.try_emplace(parts_.end(), part->getName())->second; // files hold parts in about this order
     if (entry)
         displacedParts_.push_back(std::move(entry)); // somebody may still hold it
     entry = std::move(part);

@@ -9,7 +9,7 @@ namespace opc::textpackage {
 
 namespace {
 
-constexpr std::size_t BlockBytes = 4096;
+constexpr std::size_t BlockBytes = 1024; // enough for the compiler, and not much more than a small part
 
 /// Whether a marker line may begin in a block, whose last byte is not the last of the text. No branch and no way out of
 /// the loop, so that the compiler takes many bytes at once: it has to look at every byte of a package.
