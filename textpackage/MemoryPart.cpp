@@ -59,7 +59,7 @@ std::string MemoryPart::decodeText() {
             auto const line = text_.substr(next, end - next);
             next = end + 1;
             auto const decoded = foundation::crypto::utils::base64Decode(line);
-            bytes.append(decoded.begin(), decoded.end());
+            bytes.append(reinterpret_cast<char const*>(decoded.data()), decoded.size());
         }
     } catch (foundation::crypto::utils::Exception const&) {
         decodedLength_ = next; // behind the bad line: what stood before it is gone, and that is meant
