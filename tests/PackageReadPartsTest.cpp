@@ -356,11 +356,11 @@ TEST_F(PackageReadParts, LookAtNothingBehindTheEndOfTheFile) {
     auto* const noAccess =
         ::mmap(nullptr, NoAccessBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(noAccess, MAP_FAILED);
-    for (std::size_t const lastPart :
-         {PageBytes - 1, PageBytes, PageBytes + 1}) { // how much of the file stands above it
+    // How much of the file stands above the content of the last part.
+    for (std::size_t const contentBegin : {PageBytes - 1, PageBytes, PageBytes + 1, FileBytes - 100}) {
         auto const above = Begin + ContentTypes;
         std::string const lastBeginLine = "__ZKOPC_PART_BEGIN__ /a.xml\n";
-        std::string const padding(lastPart - above.size() - lastBeginLine.size() - 2, 'x');
+        std::string const padding(contentBegin - above.size() - lastBeginLine.size() - 2, 'x');
         auto text = above + padding + "\n\n" + lastBeginLine;
         text.resize(FileBytes, 'x');
         TextFilePhysicalPackage package(writeText(text));

@@ -23,7 +23,9 @@ public:
         if (text_.compare(nextBegin_, PartScanner::markerBeginning.size(), PartScanner::markerBeginning) == 0)
             return moveTo(nextBegin_);
         auto const found = findMarkerLine(text_.substr(nextBegin_));
-        return found != std::string_view::npos && moveTo(nextBegin_ + found);
+        if (found == std::string_view::npos)
+            return false;
+        return moveTo(nextBegin_ + found);
     }
 
     std::string_view line() const { return text_.substr(begin_, end_ - begin_); }
