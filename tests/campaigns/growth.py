@@ -372,13 +372,15 @@ def base_folder() -> str | None:
 def main() -> int:
     quick = "--quick" in sys.argv[1:]
     words = [word for word in sys.argv[1:] if not word.startswith("-")]
+    subjects = [subject for subject in SUBJECTS if not words or any(word in subject.name for word in words)]
+    if not subjects:
+        sys.exit(f"nothing that grows has one of these words in its name: {' '.join(words)}")
     violations = []
     with tempfile.TemporaryDirectory(prefix="growth-", dir=base_folder()) as folder:
         os.environ["TMPDIR"] = folder
         campaign = Campaign(Path(folder), quick)
-        for subject in SUBJECTS:
-            if not words or any(word in subject.name for word in words):
-                violations += [f"{subject.name}: {violation}" for violation in campaign.run(subject)]
+        for subject in subjects:
+            violations += [f"{subject.name}: {violation}" for violation in campaign.run(subject)]
     for violation in violations:
         print(f"VIOLATION: {violation}\nto repeat: {' '.join(sys.argv)}", file=sys.stderr)
     return 1 if violations else 0

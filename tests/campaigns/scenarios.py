@@ -219,10 +219,12 @@ def campaign(description: str, try_scenario: Callable[[Scenario, Options], Count
     options = Options(quick_share if arguments.quick else 1, arguments.seed, arguments.keep_going)
     print(f"{Path(sys.argv[0]).stem}: seed {options.seed}", flush=True)
 
+    chosen = [scenario for scenario in all_scenarios() if fnmatch.fnmatch(scenario.name, arguments.only)]
+    if not chosen:
+        sys.exit(f"there is no scenario of the name {arguments.only}")
     counts: Counter[str] = Counter()
     with ProcessPoolExecutor(len(os.sched_getaffinity(0))) as pool:
-        results = [pool.submit(try_scenario, scenario, options) for scenario in all_scenarios()
-                   if fnmatch.fnmatch(scenario.name, arguments.only)]
+        results = [pool.submit(try_scenario, scenario, options) for scenario in chosen]
         try:
             for result in results:
                 counts.update(result.result())
