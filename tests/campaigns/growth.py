@@ -324,7 +324,7 @@ class Campaign:
         print(f"{subject.name}, {self.sizes(subject)[0]} to {self.sizes(subject)[-1]}", flush=True)
         costs = {deed: {size: Cost() for size in self.sizes(subject)} for deed in subject.deeds}
         self.measure_all(subject, costs)
-        for _ in range(2):
+        for _ in range(5):
             doubtful = {deed: costs[deed] for deed in subject.deeds if exponent(costs[deed]) > self.most_exponent}
             if doubtful:
                 self.measure_all(subject, doubtful)
