@@ -87,7 +87,7 @@ std::string ZipReader::read(ZipEntry const& member) {
     // that shows. Nothing is allocated for what is only declared: the content grows as it comes.
     if (isDeflated && member.size / BestRatioOfDeflate > member.compressedSize)
         fail(fmt::format("{}its data can't be inflated to the {} bytes declared", prefix, member.size));
-    requireWithinLimits(member, member.size);
+    requireWithinLimits(member);
     std::string content;
     auto const append = [&](std::string_view bytes) {
         content += bytes;
@@ -141,16 +141,17 @@ void ZipReader::requireMember(ZipEntry const& entry) const {
         fail(prefix + "it is encrypted");
 }
 
-void ZipReader::requireWithinLimits(ZipEntry const& member, std::uint64_t bytes) const {
+void ZipReader::requireWithinLimits(ZipEntry const& member) const {
     auto const prefix = "member " + printable(member.name) + ": ";
-    if (bytes > limits_.partBytes)
+    if (member.size > limits_.partBytes)
         fail(fmt::format("{}it is larger than the limit of {} bytes (--max-part-size)", prefix, limits_.partBytes),
              ExitStatus::LimitExceeded);
-    if (totalBytes_ + bytes > limits_.totalBytes)
+    if (totalBytes_ + member.size > limits_.totalBytes)
         fail(fmt::format("{}with it the content is larger than the limit of {} bytes (--max-size)", prefix,
                          limits_.totalBytes),
              ExitStatus::LimitExceeded);
-    if (bytes > RatioCountsFrom && bytes / std::max<std::uint64_t>(member.compressedSize, 1) >= limits_.ratio)
+    if (member.size > RatioCountsFrom &&
+        member.size / std::max<std::uint64_t>(member.compressedSize, 1) >= limits_.ratio)
         fail(fmt::format("{}it inflates to {} times its size or more, the limit (--max-ratio)", prefix, limits_.ratio),
              ExitStatus::LimitExceeded);
 }

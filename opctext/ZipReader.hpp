@@ -44,7 +44,7 @@ private:
 
     [[noreturn]] void fail(std::string const& reason, ExitStatus status = ExitStatus::NotAPackage) const;
     void requireMember(ZipEntry const& entry) const;
-    void requireWithinLimits(ZipEntry const& member, std::uint64_t bytes) const;
+    void requireWithinLimits(ZipEntry const& member) const;
 
     PackageFile const& file_;
     ZipLimits limits_;

@@ -49,10 +49,11 @@ def main() -> int:
     print(f"memory: {len(scenarios)} scenarios")
     folder = folder_in_memory("memory-")
     other = pathlib.Path(tempfile.mkdtemp(prefix="memory-"))  # on another file system, if the first is in memory
-    status = run_each("memory", scenarios, lambda scenario: try_scenario(folder, other, scenario, choice), FIGURES)
-    shutil.rmtree(folder, ignore_errors=True)
-    shutil.rmtree(other, ignore_errors=True)
-    return status
+    try:
+        return run_each("memory", scenarios, lambda scenario: try_scenario(folder, other, scenario, choice), FIGURES)
+    finally:
+        shutil.rmtree(folder, ignore_errors=True)
+        shutil.rmtree(other, ignore_errors=True)
 
 
 if __name__ == "__main__":
